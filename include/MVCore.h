@@ -1,0 +1,331 @@
+/*
+ * MVCore: client library of the construction-document filing system.
+ *
+ * The one public header. Plain C (C11 or later), usable from C++. Every export returns 0 for
+ * success and -1 for failure unless its comment says otherwise; the code of a failure is read
+ * with MVGetLastError. All text at this boundary is zero-terminated, in the library's
+ * multi-byte code page (CP932 unless MVSetCodePage chose another).
+ *
+ * Text fields of the records are fixed-width and their width counts the terminator. Where the
+ * library copies a longer value into such a field (a buffer of the caller's included) it cuts
+ * the value at the last whole character that fits and always writes the terminator.
+ */
+#ifndef MVCORE_H
+#define MVCORE_H
+
+#include <stddef.h>
+#include <stdint.h>
+#ifndef __cplusplus
+#include <uchar.h>
+#endif
+
+#if defined(MVCORE_BUILDING)
+#define MVAPI __attribute__((visibility("default")))
+#else
+#define MVAPI
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---------------------------------------------------------------------------------------------
+ * Platform types and functions: the library's own stand-ins for movable global memory,
+ * length-prefixed wide strings, variants and safe arrays.
+ * ------------------------------------------------------------------------------------------- */
+
+/* Movable global memory. Blocks never move in memory; a handle stays valid until freed.
+   Lists that the library hands out are such blocks, and the application frees them. */
+typedef void* MVHGLOBAL;
+#define MV_GMEM_MOVEABLE 0x0002
+#define MV_GMEM_ZEROINIT 0x0040
+MVAPI MVHGLOBAL MVGlobalAlloc(uint32_t flags, size_t bytes); /* NULL when out of memory */
+MVAPI void* MVGlobalLock(MVHGLOBAL h);       /* NULL for a handle that is not a live block */
+MVAPI int MVGlobalUnlock(MVHGLOBAL h);       /* nonzero while still locked */
+MVAPI size_t MVGlobalSize(MVHGLOBAL h);      /* 0 for a handle that is not a live block */
+MVAPI MVHGLOBAL MVGlobalHandle(const void* p); /* handle of a locked block's address */
+MVAPI MVHGLOBAL MVGlobalFree(MVHGLOBAL h);   /* NULL on success, h itself on failure */
+
+/* Length-prefixed UTF-16 text. A NULL BSTR is a valid empty text. */
+typedef char16_t OLECHAR;
+typedef OLECHAR* BSTR;
+MVAPI BSTR MVSysAllocString(const OLECHAR* s);
+MVAPI BSTR MVSysAllocStringLen(const OLECHAR* s, uint32_t len); /* s may be NULL: zero-filled */
+MVAPI uint32_t MVSysStringLen(BSTR s);                          /* in code units */
+MVAPI void MVSysFreeString(BSTR s);
+
+/* Variants: VT_EMPTY 0, VT_I4 3, VT_R8 5, VT_BSTR 8, VT_VARIANT 12, VT_UI1 17, VT_ARRAY 0x2000. */
+typedef uint16_t VARTYPE;
+#define MV_VT_EMPTY 0
+#define MV_VT_I4 3
+#define MV_VT_R8 5
+#define MV_VT_BSTR 8
+#define MV_VT_VARIANT 12
+#define MV_VT_UI1 17
+#define MV_VT_ARRAY 0x2000
+typedef struct SAFEARRAYBOUND {
+  uint32_t cElements;
+  int32_t lLbound;
+} SAFEARRAYBOUND;
+typedef struct SAFEARRAY {
+  uint16_t cDims;
+  uint16_t fFeatures;
+  uint32_t cbElements;
+  uint32_t cLocks;
+  void* pvData;
+  SAFEARRAYBOUND rgsabound[1];
+} SAFEARRAY;
+typedef struct VARIANT {
+  VARTYPE vt;
+  uint16_t wReserved1, wReserved2, wReserved3;
+  union {
+    int32_t lVal;
+    double dblVal;
+    BSTR bstrVal;
+    SAFEARRAY* parray;
+  };
+} VARIANT;
+MVAPI void MVVariantInit(VARIANT* v);
+/* Frees the strings and arrays the variant holds and leaves it empty; 0 on success, nonzero
+   (and nothing freed) for an array that is still locked. */
+MVAPI int32_t MVVariantClear(VARIANT* v);
+
+typedef struct SYSTEMTIME {
+  uint16_t wYear, wMonth, wDayOfWeek, wDay, wHour, wMinute, wSecond, wMilliseconds;
+} SYSTEMTIME;
+
+/* Message boxes: the library's fixed texts go to the handler (code-page text, caption), which
+   stands for the modal box and returns when it is dismissed. With no handler they go to
+   standard error. A NULL handler restores that default. */
+typedef void (*MVMessageHandler)(const char* text, const char* caption, void* context);
+MVAPI void MVSetMessageHandler(MVMessageHandler handler, void* context);
+
+/* The boundary's code page, "CP932" by default; "UTF-8" for UTF-8 applications. 0 on success,
+   -1 for a code page the C library cannot convert (the previous one stays). Call before
+   MVInit. */
+MVAPI int MVSetCodePage(const char* name);
+
+/* ---------------------------------------------------------------------------------------------
+ * Records that cross the boundary.
+ * ------------------------------------------------------------------------------------------- */
+
+typedef struct UserRec {
+  int32_t tIndex;
+  char userName[17];
+  char password[35];
+  int32_t userAttribute;
+} UserRec;
+
+typedef struct NameRecord {
+  int32_t T_Index;
+  char DataName[44];
+} NameRecord;
+
+typedef struct SpecRecord {
+  int32_t T_Index;
+  char SpcificationName[52];
+  int32_t SpcificationID;
+  int32_t Attribute;
+} SpecRecord;
+
+typedef struct TrafficRecord {
+  int32_t T_Index;
+  char TrafficName[52];
+  int32_t TrafficID;
+  int32_t SpcificationID;
+  int32_t Attribute;
+} TrafficRecord;
+
+typedef struct FigureRecord {
+  int32_t T_Index, SpcificationID, TrafficID;
+  char Figure1ID[513], Figure2ID[513], Figure3ID[513], Figure4ID[513], Figure5ID[513],
+      Figure6ID[513], Figure7ID[513], Figure8ID[513], Figure9ID[513], Figure10ID[513],
+      Figure11ID[513], Figure12ID[513], Figure13ID[513], Figure14ID[513], Figure15ID[513],
+      Figure16ID[513], ServerID[513];
+  int32_t Up_DateCount, Attribute;
+  char RealityDataInfo[513];
+  int32_t ImgFType;
+  char FileName[129];
+} FigureRecord;
+
+typedef struct FormRecord {
+  int32_t T_Index;
+  char DataName[260];
+  int32_t Up_DateCount;
+  char Up_Date[20];
+  char AplName[260];
+  int32_t PrefectualAppoint;
+  char Various[260];
+  char Group1[260], Group2[260], Group3[260], Group4[260], Group5[260];
+  int32_t Attribute;
+  char RealityDataInfo[256];
+} FormRecord;
+
+typedef struct RegApl {
+  int32_t AplID;
+  char AplName[261];
+  char AplExe[261];
+  char DefFilePath[261];
+  char AplCommand[261];
+} RegApl;
+
+typedef struct ShelfEntry {
+  int32_t T_Index;
+  int32_t Attribute;
+  int32_t BookCount;
+  char BookShelfName[44];
+} ShelfEntry;
+
+typedef struct CoverInfo {
+  int32_t T_Index;
+  char BookName[260];
+  char Year[21];
+  char BookNo[21];
+  char SiteName[255];
+  char SitePosition[51];
+  char StartDate[33];
+  char EndDate[33];
+  char OrderName[61];
+  char ContractCompany[255];
+  char Spot[21];
+  char Prefectual[51];
+  char Access[51];
+  int32_t StatureColor;
+  char MakeDate[20];
+  char Up_Date[20];
+  char Reserve[64];
+  int32_t BookVer;
+} CoverInfo;
+
+typedef struct SearchCondition {
+  int32_t kind;
+  union {
+    char text[260];
+    struct {
+      SYSTEMTIME start, end;
+    } period;
+    int32_t color;
+  };
+} SearchCondition;
+
+typedef struct OrderEntry {
+  int32_t id;
+  int32_t position;
+} OrderEntry;
+
+typedef struct ServerModuleVersion {
+  int32_t number[4];
+} ServerModuleVersion;
+
+typedef struct TagDispRecord {
+  int32_t T_Index;
+  char TagName[32];
+  int32_t TagID, Attribute, Relation, T_Order, UpTagID;
+} TagDispRecord;
+
+typedef struct TagInfoRecord {
+  int32_t Attribute, T_Index, Up_DateCounter;
+  char TagName[32];
+  int32_t TagNameAttribute, TagRenewAttribute, TagMakeAttribute, Relation, UpTagID, DispDataID,
+      MasterDispType, ThumbnailID, AplAttribute;
+  char TagStartUpApl[256];
+  int32_t SrcFileID, CadAttribute, DynaCadFileID, PageCount;
+  char TagAplOption[256];
+  char TemplateName[256];
+  int32_t RefFileInfo, Kensetu, PdfConvert, NewRelation;
+} TagInfoRecord;
+
+typedef struct ImageInfoRecord {
+  int32_t T_Index, Up_DateCounter, Attribute;
+  char ImageDataInfo[256];
+} ImageInfoRecord;
+
+typedef struct ImageInfoRecordEX {
+  int32_t T_Index, Up_DateCounter, Attribute;
+  char ImageDataInfo[256];
+  char Various[256];
+} ImageInfoRecordEX;
+
+typedef struct TagAttributeRecord {
+  int32_t T_Index, TagPageID, ViewAttributeID;
+  char Value[64];
+} TagAttributeRecord;
+
+typedef struct ViewAttributeRecord {
+  int32_t T_Index;
+  char AttributeName[64];
+  int32_t AttributeType, OfferInfo, ELLinkID;
+} ViewAttributeRecord;
+
+typedef struct ViewItemRecord {
+  int32_t T_Index, ViewAttriID, ViewItemID;
+  char ItemName[64];
+  char ItemName2[64];
+  int32_t SortNo;
+} ViewItemRecord;
+
+typedef struct ViewManageRecord {
+  int32_t T_Index;
+  char ViewName[64];
+  int32_t OfferInfo;
+} ViewManageRecord;
+
+typedef struct ViewDataRecord {
+  int32_t T_Index, ViewManageID, ViewAttriID, SortNo;
+} ViewDataRecord;
+
+/* ---------------------------------------------------------------------------------------------
+ * Connection and errors.
+ *
+ * MVInit("") makes the link to the server in this process; MVInit("host") to a server on
+ * another machine. Every export that touches the server returns -1 while there is no link.
+ * MVExit releases the link and forgets it: after MVExit the exports fail with -1 until the
+ * next MVInit (they never reach a released server). A second MVInit over a standing link
+ * replaces it without releasing the old one.
+ * ------------------------------------------------------------------------------------------- */
+
+MVAPI int MVInit(const char* serverName);
+MVAPI int MVChangeServer(const char* serverName);
+MVAPI int MVResetServer(void);
+MVAPI int MVExit(void);
+/* The server's description, at most 259 bytes + 0. */
+MVAPI int MVGetServerInfo(char* info);
+MVAPI int MVConnectCheck(void);
+MVAPI int MVGetConnect(int32_t* first, int32_t* second);
+/* `third` is never touched. */
+MVAPI int MVGetOption(int32_t* first, int32_t* second, int32_t* third, int32_t* fourth);
+/* Returns the stored failure code; copies the server's text for it into `message` (cut to 259
+   bytes + 0) when the server has one, else leaves `message` as it stands. */
+MVAPI int MVGetLastError(char* message);
+MVAPI int MVGetLastErrorImage(void);
+/* op 0 tests, 1 takes, 2 releases a named mutex of the server. Result 0, 1 (held by another),
+   2 or -1. */
+MVAPI int MVSetMutex(const char* name, int32_t op);
+
+/* ---------------------------------------------------------------------------------------------
+ * Databases and tables.
+ *
+ * `handle` buffers receive the server's handle text cut to 259 bytes + 0: give at least 260.
+ * ------------------------------------------------------------------------------------------- */
+
+MVAPI int MVOpenDB(const char* dbName);
+MVAPI int MVCloseDB(const char* dbName);
+MVAPI int MVOpenDBEx(const char* dbName);
+MVAPI int MVCloseDBEx(const char* dbName);
+MVAPI int MVDeleteDB(const char* dbName);
+MVAPI int MVOpenTBL(const char* dbName, const char* tableName, int32_t ignored, int32_t* rowCount,
+                    char* handle);
+MVAPI int MVCloseTBL(const char* dbName, const char* handle);
+/* closing 0 opens the held ImageDataTBL handle, anything else closes it. */
+MVAPI int MVOpenTBLEx(int32_t closing, const char* dbName, char* handle);
+/* phase 1 opens, 0 deletes the row tIndex, 2 closes. */
+MVAPI int MVRecordDelete(const char* dbName, const char* tableName, int32_t tIndex,
+                         int32_t phase);
+/* 1 if the table exists, else 0. */
+MVAPI int MVCheckTBL(const char* dbName, const char* tableName);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* MVCORE_H */

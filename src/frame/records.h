@@ -1,0 +1,37 @@
+// Building the record that adds a row: the catalogue gives the columns and their order, the
+// caller the values.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string_view>
+#include <variant>
+
+#include "frame/catalogue.h"
+#include "frame/exchange.h"
+
+namespace mv {
+
+// A column's value: none (the element stays an empty text), an integer or a text. The element's
+// typecode always comes from the column's type.
+using ColumnValue = std::variant<std::monostate, int32_t, std::string_view>;
+using ColumnValues = std::function<ColumnValue(const ColumnDef& column)>;
+
+// Whether the add record carries the key element (T_Index, typecode 1, value 0, which the server
+// replaces) or leaves the key out altogether.
+enum class KeyElement { Zero, Omitted };
+
+// Number of fields after the handle element in the add record of `table`.
+uint32_t addRecordFields(const TableDef& table, KeyElement key);
+
+// Fills `record` (made with addRecordFields fields) with one element per column of `table` in
+// the catalogue's order. False if the record could not be built.
+bool fillAddRecord(RecordWriter& record, const TableDef& table, KeyElement key,
+                   const ColumnValues& valueOf);
+
+// The value of `column` in a fixed record described by bindings, or none when unbound.
+ColumnValue boundValue(const void* record, std::span<const FieldBinding> bindings,
+                       const ColumnDef& column);
+
+}  // namespace mv
