@@ -40,11 +40,11 @@ typedef void* MVHGLOBAL;
 #define MV_GMEM_MOVEABLE 0x0002
 #define MV_GMEM_ZEROINIT 0x0040
 MVAPI MVHGLOBAL MVGlobalAlloc(uint32_t flags, size_t bytes); /* NULL when out of memory */
-MVAPI void* MVGlobalLock(MVHGLOBAL h);       /* NULL for a handle that is not a live block */
-MVAPI int MVGlobalUnlock(MVHGLOBAL h);       /* nonzero while still locked */
-MVAPI size_t MVGlobalSize(MVHGLOBAL h);      /* 0 for a handle that is not a live block */
+MVAPI void* MVGlobalLock(MVHGLOBAL h);         /* NULL for a handle that is not a live block */
+MVAPI int MVGlobalUnlock(MVHGLOBAL h);         /* nonzero while still locked */
+MVAPI size_t MVGlobalSize(MVHGLOBAL h);        /* 0 for a handle that is not a live block */
 MVAPI MVHGLOBAL MVGlobalHandle(const void* p); /* handle of a locked block's address */
-MVAPI MVHGLOBAL MVGlobalFree(MVHGLOBAL h);   /* NULL on success, h itself on failure */
+MVAPI MVHGLOBAL MVGlobalFree(MVHGLOBAL h);     /* NULL on success, h itself on failure */
 
 /* Length-prefixed UTF-16 text. A NULL BSTR is a valid empty text. */
 typedef char16_t OLECHAR;
@@ -319,8 +319,7 @@ MVAPI int MVCloseTBL(const char* dbName, const char* handle);
 /* closing 0 opens the held ImageDataTBL handle, anything else closes it. */
 MVAPI int MVOpenTBLEx(int32_t closing, const char* dbName, char* handle);
 /* phase 1 opens, 0 deletes the row tIndex, 2 closes. */
-MVAPI int MVRecordDelete(const char* dbName, const char* tableName, int32_t tIndex,
-                         int32_t phase);
+MVAPI int MVRecordDelete(const char* dbName, const char* tableName, int32_t tIndex, int32_t phase);
 /* 1 if the table exists, else 0. */
 MVAPI int MVCheckTBL(const char* dbName, const char* tableName);
 

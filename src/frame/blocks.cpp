@@ -36,8 +36,8 @@ DownloadResult downloadBlocks(IBookServer& server, BSTR dbName, BSTR handle, BST
     Variant block;
     int32_t isEnd = 0;
     int32_t bytes = 0;
-    result.status = server.DownLoadData(dbName, handle, column, 0, blockNo, kBlockSize,
-                                        block.get(), &isEnd, &bytes);
+    result.status = server.DownLoadData(dbName, handle, column, 0, blockNo, kBlockSize, block.get(),
+                                        &isEnd, &bytes);
     if (result.status != 0) return result;
     const VARIANT* v = block.get();
     // Anything but an array of bytes is the end of the data (an empty column sends none).

@@ -102,8 +102,7 @@ RecordWriter::RecordWriter(std::string_view tableHandle, uint32_t fields)
   for (uint32_t i = 1; ok_ && i <= fields_; ++i) ok_ = putElement(variant_.get()->parray, i, {});
 }
 
-void RecordWriter::putInt(uint32_t position, std::string_view name, int typecode,
-                          int32_t value) {
+void RecordWriter::putInt(uint32_t position, std::string_view name, int typecode, int32_t value) {
   if (ok_ && position >= 1 && position <= fields_) {
     ok_ = putIntField(variant_.get()->parray, position, name, typecode, value);
   }

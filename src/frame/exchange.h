@@ -96,8 +96,8 @@ struct FieldBinding {
 };
 #define MV_INT_FIELD(Record, member, column) \
   ::mv::FieldBinding { column, ::mv::FieldKind::Int, offsetof(Record, member), sizeof(int32_t) }
-#define MV_TEXT_FIELD(Record, member, column)                             \
-  ::mv::FieldBinding {                                                     \
+#define MV_TEXT_FIELD(Record, member, column)                                       \
+  ::mv::FieldBinding {                                                              \
     column, ::mv::FieldKind::Text, offsetof(Record, member), sizeof(Record::member) \
   }
 

@@ -116,8 +116,8 @@ MVAPI int MVDeleteDB(const char* dbName) {
   return failed(server->DeleteDatabase(mv::toWide(dbName).get(), option.get())) ? -1 : 0;
 }
 
-MVAPI int MVOpenTBL(const char* dbName, const char* tableName, int32_t ignored,
-                    int32_t* rowCount, char* handle) {
+MVAPI int MVOpenTBL(const char* dbName, const char* tableName, int32_t ignored, int32_t* rowCount,
+                    char* handle) {
   (void)ignored;
   auto* server = connection().currentServer;
   if (server == nullptr || dbName == nullptr || tableName == nullptr || rowCount == nullptr ||
@@ -125,8 +125,8 @@ MVAPI int MVOpenTBL(const char* dbName, const char* tableName, int32_t ignored,
     return -1;
   }
   mv::Bstr h;
-  if (failed(server->OpenTable(mv::toWide(dbName).get(), mv::toWide(tableName).get(), 0,
-                               rowCount, h.out()))) {
+  if (failed(server->OpenTable(mv::toWide(dbName).get(), mv::toWide(tableName).get(), 0, rowCount,
+                               h.out()))) {
     return -1;
   }
   mv::copyToField(handle, mv::kTextBuffer, mv::toAnsi(h.get()));
@@ -150,8 +150,7 @@ MVAPI int MVOpenTBLEx(int32_t closing, const char* dbName, char* handle) {
     mv::Bstr h;
     const mv::Bstr table = mv::toWide("ImageDataTBL");
     const mv::Bstr sql = mv::toWide("SELECT * FROM ImageDataTBL WITH (NOLOCK) WHERE TagID = 1");
-    if (failed(c.currentServer->OpenTableEx(db.get(), table.get(), sql.get(), 1, &rows,
-                                            h.out()))) {
+    if (failed(c.currentServer->OpenTableEx(db.get(), table.get(), sql.get(), 1, &rows, h.out()))) {
       return -1;
     }
     c.imageTableHandle = mv::toAnsi(h.get());
@@ -168,8 +167,7 @@ MVAPI int MVOpenTBLEx(int32_t closing, const char* dbName, char* handle) {
   return 0;
 }
 
-MVAPI int MVRecordDelete(const char* dbName, const char* tableName, int32_t tIndex,
-                         int32_t phase) {
+MVAPI int MVRecordDelete(const char* dbName, const char* tableName, int32_t tIndex, int32_t phase) {
   auto& c = connection();
   if (c.currentServer == nullptr || dbName == nullptr || tableName == nullptr) return -1;
   switch (phase) {

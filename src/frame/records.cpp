@@ -22,9 +22,9 @@ bool fillAddRecord(RecordWriter& record, const TableDef& table, KeyElement key,
       continue;
     }
     const int typecode = typeCode(column.type);
-    const ColumnValue value =
-        typecode == kTypeImage || typecode == kTypeBinary || typecode == 0 ? ColumnValue{}
-                                                                           : valueOf(column);
+    const ColumnValue value = typecode == kTypeImage || typecode == kTypeBinary || typecode == 0
+                                  ? ColumnValue{}
+                                  : valueOf(column);
     if (const auto* i = std::get_if<int32_t>(&value)) {
       record.putInt(position, column.name, typecode, *i);
     } else if (const auto* t = std::get_if<std::string_view>(&value)) {

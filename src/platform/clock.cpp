@@ -29,7 +29,7 @@ bool validFields(const SYSTEMTIME& st, int minYear, int maxYear) {
 }
 
 // Days since 1970-01-01 in the proleptic Gregorian calendar, and back.
-std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
+constexpr std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
   y -= m <= 2;
   const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
   const auto yoe = static_cast<unsigned>(y - era * 400);
@@ -50,7 +50,7 @@ void civilFromDays(std::int64_t z, int* year, unsigned* month, unsigned* day) {
   *year = static_cast<int>(static_cast<std::int64_t>(yoe) + era * 400 + (*month <= 2));
 }
 
-const std::int64_t kOleEpoch = daysFromCivil(1899, 12, 30);
+constexpr std::int64_t kOleEpoch = daysFromCivil(1899, 12, 30);
 
 SYSTEMTIME fromTm(const std::tm& tm, long nanoseconds) {
   SYSTEMTIME st{};
@@ -120,8 +120,8 @@ bool localSystemTimeToTime(const SYSTEMTIME& st, std::time_t* t) {
 bool systemTimeToOleDate(const SYSTEMTIME& st, double* date) {
   if (date == nullptr || !validFields(st, kMinYear, kMaxYear)) return false;
   const std::int64_t day = daysFromCivil(st.wYear, st.wMonth, st.wDay) - kOleEpoch;
-  const std::int64_t ms = ((st.wHour * 60LL + st.wMinute) * 60 + st.wSecond) * 1000 +
-                          st.wMilliseconds;
+  const std::int64_t ms =
+      ((st.wHour * 60LL + st.wMinute) * 60 + st.wSecond) * 1000 + st.wMilliseconds;
   const double fraction = static_cast<double>(ms) / static_cast<double>(kMsPerDay);
   *date = day >= 0 ? static_cast<double>(day) + fraction : static_cast<double>(day) - fraction;
   return true;

@@ -113,8 +113,8 @@ class CodePage {
   // Stands in when the C library has no converter for the default code page: ASCII passes,
   // everything else is replaced.
   static std::unique_ptr<CodePage> asciiOnly(const std::string& name) {
-    return std::unique_ptr<CodePage>(new CodePage(name, Family::kOther, kNoDescriptor,
-                                                  kNoDescriptor));
+    return std::unique_ptr<CodePage>(
+        new CodePage(name, Family::kOther, kNoDescriptor, kNoDescriptor));
   }
 
   CodePage(const CodePage&) = delete;
@@ -223,8 +223,8 @@ class CodePage {
       : name_(std::move(name)), family_(family), toWide_(toWide), toAnsi_(toAnsi) {}
 
   static bool pairAt(std::u16string_view text, std::size_t i) {
-    return i + 1 < text.size() && text[i] >= 0xD800 && text[i] <= 0xDBFF &&
-           text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF;
+    return i + 1 < text.size() && text[i] >= 0xD800 && text[i] <= 0xDBFF && text[i + 1] >= 0xDC00 &&
+           text[i + 1] <= 0xDFFF;
   }
 
   // A byte that converts on its own is a character; one the converter calls incomplete starts a

@@ -126,6 +126,4 @@ extern "C" MVAPI size_t MVGlobalSize(MVHGLOBAL h) { return registry().size(h); }
 
 extern "C" MVAPI MVHGLOBAL MVGlobalHandle(const void* p) { return registry().handleOf(p); }
 
-extern "C" MVAPI MVHGLOBAL MVGlobalFree(MVHGLOBAL h) {
-  return registry().free(h) ? nullptr : h;
-}
+extern "C" MVAPI MVHGLOBAL MVGlobalFree(MVHGLOBAL h) { return registry().free(h) ? nullptr : h; }

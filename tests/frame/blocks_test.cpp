@@ -56,10 +56,9 @@ TEST_P(UploadSizes, EndsAsTheFormRequiresAndDeliversEveryByte) {
     EXPECT_EQ(uploads(server), form == mv::UploadForm::Insert ? c.insert : c.update);
     EXPECT_EQ(server.uploaded, bytes);
     for (std::size_t i = 0; i < server.calls.size(); ++i) {
-      EXPECT_EQ(server.calls[i].args[1], std::to_string(i + 1));   // block numbers from 1
-      EXPECT_EQ(server.calls[i].args[3], "<307200 bytes>");        // always full-size arrays
-      EXPECT_EQ(server.calls[i].args[0],
-                "[DBNAME=BOOK1|TABLENAME=H1|MSTKEY=5|KEY=RealityData]");
+      EXPECT_EQ(server.calls[i].args[1], std::to_string(i + 1));  // block numbers from 1
+      EXPECT_EQ(server.calls[i].args[3], "<307200 bytes>");       // always full-size arrays
+      EXPECT_EQ(server.calls[i].args[0], "[DBNAME=BOOK1|TABLENAME=H1|MSTKEY=5|KEY=RealityData]");
     }
   }
 }
@@ -83,8 +82,8 @@ TEST(Upload, AFailingBlockStopsTheLoopWithItsStatus) {
   server.failNext("UpLoadData", 0x90, 1);
   mv::BlockRecord record("BOOK1", "H1", 5, "RealityData");
   const auto bytes = pattern(3 * 307200);
-  const mv::UploadResult r = mv::uploadBlocks(server, record.get(), mv::UploadForm::Insert,
-                                              from(bytes));
+  const mv::UploadResult r =
+      mv::uploadBlocks(server, record.get(), mv::UploadForm::Insert, from(bytes));
   EXPECT_EQ(r.status, 0x90);
   EXPECT_EQ(r.calls, 2);
   EXPECT_EQ(server.count("UpLoadData"), 2);
@@ -94,16 +93,16 @@ TEST(Upload, AReadFailureMarksTheBlockLast) {
   RecordingServer server;
   mv::BlockRecord record("BOOK1", "H1", 5, "RealityData");
   int reads = 0;
-  const mv::UploadResult r = mv::uploadBlocks(
-      server, record.get(), mv::UploadForm::Insert,
-      [&reads](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
-        if (++reads > 1) return -1;
-        std::fill_n(data, size, uint8_t{1});
-        return static_cast<std::ptrdiff_t>(size);
-      });
+  const mv::UploadResult r =
+      mv::uploadBlocks(server, record.get(), mv::UploadForm::Insert,
+                       [&reads](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
+                         if (++reads > 1) return -1;
+                         std::fill_n(data, size, uint8_t{1});
+                         return static_cast<std::ptrdiff_t>(size);
+                       });
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(uploads(server), (std::vector<std::pair<std::string, std::string>>{
-                                 {"307200", "0"}, {"0", "1"}}));
+  EXPECT_EQ(uploads(server),
+            (std::vector<std::pair<std::string, std::string>>{{"307200", "0"}, {"0", "1"}}));
 }
 
 class Download : public ::testing::Test {

@@ -70,9 +70,9 @@ TEST(Catalogue, TheBooksCoverCopyDiffersInOneNameAndOneOrder) {
       differences.push_back(std::string(common->columns[i].name) + "/" + own->columns[i].name);
     }
   }
-  EXPECT_THAT(differences, ::testing::ElementsAre("OrderName/ContractCompany",
-                                                  "ContractCompany/OrderName",
-                                                  "Up_DateCount/Up_DateCounter"));
+  EXPECT_THAT(differences,
+              ::testing::ElementsAre("OrderName/ContractCompany", "ContractCompany/OrderName",
+                                     "Up_DateCount/Up_DateCounter"));
   EXPECT_EQ(mv::findTable(mv::DbKind::Book, "BookCommonTBL"), nullptr);
   EXPECT_NE(common->find("Prepayment"), nullptr);
   EXPECT_EQ(common->find("prepayment"), nullptr);
@@ -118,10 +118,9 @@ TEST(AddRecord, TakesValuesFromARecordThroughItsBindingsAndCanOmitTheKey) {
                                             MV_INT_FIELD(PowerRow, user, "UserID"),
                                             MV_TEXT_FIELD(PowerRow, reserve, "Reserve")};
   mv::RecordWriter record("H1", mv::addRecordFields(*powers, mv::KeyElement::Omitted));
-  ASSERT_TRUE(mv::fillAddRecord(record, *powers, mv::KeyElement::Omitted,
-                                [&](const mv::ColumnDef& c) {
-                                  return mv::boundValue(&row, kBindings, c);
-                                }));
+  ASSERT_TRUE(mv::fillAddRecord(
+      record, *powers, mv::KeyElement::Omitted,
+      [&](const mv::ColumnDef& c) { return mv::boundValue(&row, kBindings, c); }));
   RecordingServer server;
   int32_t index = 0;
   server.AddRecord(nullptr, record.get(), 1, &index);

@@ -74,8 +74,8 @@ TEST_F(RowReadingTest, ARowFillsFixedFieldsByExactNameAndNeverWritesPastThem) {
   ASSERT_EQ(MVOpenTBL("DB", "T", 0, &rows, handle), 0);
   mv::Row row;
   int32_t status = -1;
-  ASSERT_TRUE(mv::fetchRow(server, mv::toWide("DB").get(), mv::toWide(handle).get(), 0, row,
-                           status));
+  ASSERT_TRUE(
+      mv::fetchRow(server, mv::toWide("DB").get(), mv::toWide(handle).get(), 0, row, status));
   EXPECT_EQ(status, 0);
   Probe p;
   std::memset(&p, 0, sizeof p);
@@ -97,8 +97,8 @@ TEST_F(RowReadingTest, CutsAtACharacterBoundary) {
   ASSERT_EQ(MVOpenTBL("DB", "T", 0, &rows, handle), 0);
   mv::Row row;
   int32_t status = 0;
-  ASSERT_TRUE(mv::fetchRow(server, mv::toWide("DB").get(), mv::toWide(handle).get(), 0, row,
-                           status));
+  ASSERT_TRUE(
+      mv::fetchRow(server, mv::toWide("DB").get(), mv::toWide(handle).get(), 0, row, status));
   Probe p{};
   mv::bindRow(row, kProbe, &p);
   EXPECT_STREQ(p.name, "ab\x95\x5C\x8E\x86");  // 7 bytes would split the third character
@@ -147,7 +147,8 @@ TEST_F(RecordWritingTest, RecordsCarryTheHandleFirstAndTaggedFieldsAfter) {
   mv::RecordWriter record("H5", 4);
   ASSERT_TRUE(record.ok());
   record.putInt(1, "T_Index", mv::kTypeInt, 0);
-  record.putText(2, "TagName", mv::kTypeVarchar, "\x8D\x48\x8E\x96\t\x8E\xCA\x90\x5E");  // 工事\t写真
+  record.putText(2, "TagName", mv::kTypeVarchar,
+                 "\x8D\x48\x8E\x96\t\x8E\xCA\x90\x5E");  // 工事\t写真
   record.putRaw(4, "KEY=PageCount\t1\t3");
   record.putInt(5, "Beyond", 1, 1);  // past the end: ignored
   int32_t newIndex = 0;
@@ -169,8 +170,8 @@ TEST(BlockRecordShape, NamesDatabaseHandleRowAndColumn) {
     texts.push_back(utf8(static_cast<VARIANT*>(data)[i].bstrVal));
   }
   mv::safeArrayUnaccessData(v->parray);
-  EXPECT_THAT(texts, ElementsAre("DBNAME=BOOK1123101010", "TABLENAME=H3", "MSTKEY=812",
-                                 "KEY=RealityData"));
+  EXPECT_THAT(
+      texts, ElementsAre("DBNAME=BOOK1123101010", "TABLENAME=H3", "MSTKEY=812", "KEY=RealityData"));
 }
 
 TEST(TextConversion, JapaneseCrossesAsUtf16AndBack) {

@@ -36,16 +36,11 @@ TEST(OleDateTest, KnownDatesBothWays) {
     int dayOfWeek;
   };
   const Case cases[] = {
-      {0.0, make(1899, 12, 30), 6},
-      {1.5, make(1899, 12, 31, 12), 0},
-      {2.0, make(1900, 1, 1), 1},
-      {2.25, make(1900, 1, 1, 6), 1},
-      {36526.0, make(2000, 1, 1), 6},
-      {-1.25, make(1899, 12, 29, 6), 5},
-      {-1.0, make(1899, 12, 29), 5},
-      {-657434.0, make(100, 1, 1), 5},
-      {60.0, make(1900, 2, 28), 3},
-      {61.0, make(1900, 3, 1), 4},
+      {0.0, make(1899, 12, 30), 6},         {1.5, make(1899, 12, 31, 12), 0},
+      {2.0, make(1900, 1, 1), 1},           {2.25, make(1900, 1, 1, 6), 1},
+      {36526.0, make(2000, 1, 1), 6},       {-1.25, make(1899, 12, 29, 6), 5},
+      {-1.0, make(1899, 12, 29), 5},        {-657434.0, make(100, 1, 1), 5},
+      {60.0, make(1900, 2, 28), 3},         {61.0, make(1900, 3, 1), 4},
       {36585.75, make(2000, 2, 29, 18), 2},
   };
   for (const Case& c : cases) {
@@ -81,16 +76,23 @@ TEST(OleDateTest, RoundsToTheNearestMillisecond) {
 
 TEST(OleDateTest, RejectsInvalidInput) {
   double date = 0;
-  const SYSTEMTIME invalid[] = {
-      make(99, 12, 31),  make(10000, 1, 1),         make(2000, 0, 1),
-      make(2000, 13, 1), make(2000, 1, 0),          make(2000, 1, 32),
-      make(2001, 2, 29), make(1900, 2, 29),         make(2000, 4, 31),
-      make(2000, 1, 1, 24), make(2000, 1, 1, 0, 60), make(2000, 1, 1, 0, 0, 60),
-      make(2000, 1, 1, 0, 0, 0, 1000)};
+  const SYSTEMTIME invalid[] = {make(99, 12, 31),
+                                make(10000, 1, 1),
+                                make(2000, 0, 1),
+                                make(2000, 13, 1),
+                                make(2000, 1, 0),
+                                make(2000, 1, 32),
+                                make(2001, 2, 29),
+                                make(1900, 2, 29),
+                                make(2000, 4, 31),
+                                make(2000, 1, 1, 24),
+                                make(2000, 1, 1, 0, 60),
+                                make(2000, 1, 1, 0, 0, 60),
+                                make(2000, 1, 1, 0, 0, 0, 1000)};
   for (const SYSTEMTIME& st : invalid) {
     EXPECT_FALSE(mv::systemTimeToOleDate(st, &date))
-        << st.wYear << '-' << st.wMonth << '-' << st.wDay << ' ' << st.wHour << ':'
-        << st.wMinute << ':' << st.wSecond << '.' << st.wMilliseconds;
+        << st.wYear << '-' << st.wMonth << '-' << st.wDay << ' ' << st.wHour << ':' << st.wMinute
+        << ':' << st.wSecond << '.' << st.wMilliseconds;
   }
   EXPECT_TRUE(mv::systemTimeToOleDate(make(2000, 2, 29), &date));
   EXPECT_TRUE(mv::systemTimeToOleDate(make(9999, 12, 31, 23, 59, 59, 999), &date));

@@ -48,10 +48,10 @@ TEST_F(CodePageTest, BadTextIsReplacedNotDropped) {
   EXPECT_EQ(mv::ansiToWide("a\x80z"), u"a\uFFFDz");
   EXPECT_EQ(mv::ansiToWide("\x95\x5C\x95"), u"\u8868\uFFFD");  // cut off at the end
 
-  EXPECT_EQ(mv::wideToAnsi(u"a\u20ACb"), "a?b");                     // not in the code page
-  EXPECT_EQ(mv::wideToAnsi(u"\U0001F600\u8868"), "?\x95\x5C");       // one '?' for a pair
-  EXPECT_EQ(mv::wideToAnsi(u"x\xD800y"), "x?y");                     // unpaired high
-  EXPECT_EQ(mv::wideToAnsi(u"\xDC00z"), "?z");                        // unpaired low
+  EXPECT_EQ(mv::wideToAnsi(u"a\u20ACb"), "a?b");                        // not in the code page
+  EXPECT_EQ(mv::wideToAnsi(u"\U0001F600\u8868"), "?\x95\x5C");          // one '?' for a pair
+  EXPECT_EQ(mv::wideToAnsi(u"x\xD800y"), "x?y");                        // unpaired high
+  EXPECT_EQ(mv::wideToAnsi(u"\xDC00z"), "?z");                          // unpaired low
   EXPECT_EQ(mv::wideToAnsi(std::u16string(1, char16_t{0xD83D})), "?");  // high at the end
 }
 
@@ -81,10 +81,11 @@ TEST_F(CodePageTest, SwitchingCodePages) {
 
 TEST_F(CodePageTest, ProbedCodePageKnowsItsCharacterLengths) {
   ASSERT_EQ(MVSetCodePage("EUC-JP"), 0);
-  const std::string text = "\xC9\xBD"        // 表, two bytes
-                           "\x8F\xB0\xA1"    // 丂, three bytes
-                           "\x8E\xB1"        // half-width katakana, two bytes
-                           "a";
+  const std::string text =
+      "\xC9\xBD"      // 表, two bytes
+      "\x8F\xB0\xA1"  // 丂, three bytes
+      "\x8E\xB1"      // half-width katakana, two bytes
+      "a";
   EXPECT_EQ(mv::ansiToWide(text), u"\u8868\u4E02\uFF71a");
   EXPECT_TRUE(mv::isLeadByte(0xC9));
   EXPECT_FALSE(mv::isLeadByte('a'));
@@ -99,13 +100,16 @@ TEST_F(CodePageTest, ProbedCodePageKnowsItsCharacterLengths) {
 }
 
 TEST_F(CodePageTest, WalkingCharacters) {
-  const std::string mixed = "A" + kCoverInput + "\xB1" "b";
+  const std::string mixed = "A" + kCoverInput +
+                            "\xB1"
+                            "b";
   EXPECT_EQ(mv::countCharacters(mixed), 7u);
   EXPECT_EQ(mv::countCharacters(""), 0u);
   EXPECT_EQ(mv::countCharacters("\x95"), 1u);  // lone lead byte at the end
   // A lead byte before an impossible trail is one character, as the conversion sees it.
   EXPECT_EQ(mv::countCharacters("\x81 a"), 3u);
-  EXPECT_EQ(mv::findText("\x81\\", "\\"), 1u);
+  EXPECT_EQ(mv::findText("\x81\t", "\t"), 1u);
+  EXPECT_EQ(mv::findText("\x81\\", "\\"), std::string::npos);
 
   const char* p = mixed.data();
   const char* end = p + mixed.size();
@@ -122,7 +126,7 @@ TEST_F(CodePageTest, FindTextOnlyOnCharacterBoundaries) {
   EXPECT_EQ(mv::findText("a\\b", "\\"), 1u);
   // 0x86 is 紙's trail and also a lead byte on its own.
   EXPECT_EQ(mv::findText(kCoverInput, "\x86"), std::string::npos);
-  EXPECT_EQ(mv::findText("\x87\x40@", "@"), 2u);  // ①'s trail is '@'
+  EXPECT_EQ(mv::findText("\x87\x40@", "@"), 2u);                    // ①'s trail is '@'
   EXPECT_EQ(mv::findText(kCoverInput, "\x95"), std::string::npos);  // half a character
   EXPECT_EQ(mv::findText(kCoverInput, "\x93\xFC"), 4u);
   EXPECT_EQ(mv::findText(kCoverInput, kWork), std::string::npos);
@@ -135,7 +139,10 @@ TEST_F(CodePageTest, CuttingNeverSplitsACharacter) {
   EXPECT_EQ(mv::cutToBytes(kCoverInput, 4), kCoverInput.substr(0, 4));
   EXPECT_EQ(mv::cutToBytes(kCoverInput, 1), "");
   EXPECT_EQ(mv::cutToBytes(kCoverInput, 100), kCoverInput);
-  EXPECT_EQ(mv::cutToBytes("a\xB1" "bc", 2), "a\xB1");
+  EXPECT_EQ(mv::cutToBytes("a\xB1"
+                           "bc",
+                           2),
+            "a\xB1");
 
   struct Case {
     std::size_t width;

@@ -159,7 +159,8 @@ TEST_F(FilesTest, FindFilesMatchesPatterns) {
 
 TEST_F(FilesTest, TimesSpaceAndMachine) {
   write("f", "x");
-  for (std::time_t when : {std::time_t{0}, std::time_t{1'234'567'890}, std::time_t{4'102'444'800}}) {
+  for (std::time_t when :
+       {std::time_t{0}, std::time_t{1'234'567'890}, std::time_t{4'102'444'800}}) {
     ASSERT_TRUE(mv::fs::setFileTimes(path("f"), when));
     std::time_t t = -1;
     ASSERT_TRUE(mv::fs::lastWriteTime(path("f"), &t));

@@ -50,7 +50,8 @@ TEST_P(GlobalMemTest, ZeroSizeBlocksAreLiveBlocks) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Flags, GlobalMemTest,
-                         testing::Values(0u, MV_GMEM_MOVEABLE, MV_GMEM_MOVEABLE | MV_GMEM_ZEROINIT));
+                         testing::Values(0u, MV_GMEM_MOVEABLE,
+                                         MV_GMEM_MOVEABLE | MV_GMEM_ZEROINIT));
 
 TEST(GlobalMemHandles, FixedAndMovableHandles) {
   MVHGLOBAL fixed = MVGlobalAlloc(0, 8);

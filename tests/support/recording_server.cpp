@@ -71,8 +71,8 @@ std::vector<std::string> RecordingServer::methods() const {
 }
 
 int RecordingServer::count(const std::string& method) const {
-  return static_cast<int>(std::count_if(calls.begin(), calls.end(),
-                                        [&](const Call& c) { return c.method == method; }));
+  return static_cast<int>(
+      std::count_if(calls.begin(), calls.end(), [&](const Call& c) { return c.method == method; }));
 }
 
 std::string RecordingServer::log() const {
@@ -153,8 +153,7 @@ int32_t RecordingServer::GetRecords(BSTR dbName, BSTR handle, int32_t rowIndex, 
   if (rowIndex < 0 || static_cast<std::size_t>(rowIndex) >= r.rows.size()) return 1;
   const auto& elements = r.rows[static_cast<std::size_t>(rowIndex)];
   MVVariantClear(row);
-  row->parray =
-      mv::safeArrayCreateVector(MV_VT_VARIANT, 0, static_cast<uint32_t>(elements.size()));
+  row->parray = mv::safeArrayCreateVector(MV_VT_VARIANT, 0, static_cast<uint32_t>(elements.size()));
   row->vt = MV_VT_ARRAY | MV_VT_VARIANT;
   void* data = nullptr;
   mv::safeArrayAccessData(row->parray, &data);
@@ -172,8 +171,8 @@ int32_t RecordingServer::CloseDatabase(BSTR dbName) {
   return record("CloseDatabase", {utf8(dbName)});
 }
 
-int32_t RecordingServer::OpenTable(BSTR dbName, BSTR tableName, int32_t mode,
-                                   int32_t* rowCount, BSTR* handle) {
+int32_t RecordingServer::OpenTable(BSTR dbName, BSTR tableName, int32_t mode, int32_t* rowCount,
+                                   BSTR* handle) {
   const int32_t s = record("OpenTable", {utf8(dbName), utf8(tableName), num(mode)});
   return s != 0 ? s : openResult(rowCount, handle);
 }
@@ -223,9 +222,9 @@ int32_t RecordingServer::UpdateRecord(BSTR dbName, VARIANT* rec, int32_t recordC
                 {utf8(dbName), render(rec), num(recordCount), tIndex ? num(*tIndex) : "null"});
 }
 
-int32_t RecordingServer::DownLoadData(BSTR dbName, BSTR handle, BSTR columnName,
-                                      int32_t rowIndex, int32_t blockNo, int32_t blockSize,
-                                      VARIANT* block, int32_t* isEnd, int32_t* /*bytes*/) {
+int32_t RecordingServer::DownLoadData(BSTR dbName, BSTR handle, BSTR columnName, int32_t rowIndex,
+                                      int32_t blockNo, int32_t blockSize, VARIANT* block,
+                                      int32_t* isEnd, int32_t* /*bytes*/) {
   const int32_t s = record("DownLoadData", {utf8(dbName), utf8(handle), utf8(columnName),
                                             num(rowIndex), num(blockNo), num(blockSize)});
   if (s != 0) return s;
@@ -243,8 +242,8 @@ int32_t RecordingServer::DownLoadData(BSTR dbName, BSTR handle, BSTR columnName,
   return 0;
 }
 
-int32_t RecordingServer::UpLoadData(VARIANT* rec, int32_t blockNo, int32_t bytes,
-                                    VARIANT* block, int32_t isLast) {
+int32_t RecordingServer::UpLoadData(VARIANT* rec, int32_t blockNo, int32_t bytes, VARIANT* block,
+                                    int32_t isLast) {
   const int32_t s =
       record("UpLoadData", {render(rec), num(blockNo), num(bytes), render(block), num(isLast)});
   if (s != 0) return s;

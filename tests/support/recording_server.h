@@ -42,18 +42,18 @@ class RecordingServer final : public mv::IBookServer {
   // A result whose rows come back as a variant that is not an array (with GetRecords status 0).
   void queueMalformedResult(int32_t rowCount);
 
-  std::string lastErrorText;  // GetLastError
-  std::string serverInfo;     // GetServerInfo
-  int32_t connectFirst = 0, connectSecond = 0;                   // GetConnect
+  std::string lastErrorText;                                    // GetLastError
+  std::string serverInfo;                                       // GetServerInfo
+  int32_t connectFirst = 0, connectSecond = 0;                  // GetConnect
   std::map<int32_t, std::pair<int32_t, int32_t>> optionValues;  // GetOption kind -> (a, b)
   std::map<std::string, int32_t> mutexAnswers;                  // SetMutex name -> result
-  int32_t nextIndex = 100;                                       // AddRecord's new T_Index
+  int32_t nextIndex = 100;                                      // AddRecord's new T_Index
 
   // Blobs: what UpLoadData received (good bytes only), and what DownLoadData serves.
   std::vector<uint8_t> uploaded;
   std::vector<uint8_t> download;
   std::size_t downloadChunk = 0x4B000;  // bytes per DownLoadData answer
-  bool flagEndOnLastBlock = true;  // else the end shows by a block without an array
+  bool flagEndOnLastBlock = true;       // else the end shows by a block without an array
 
   // --- what happened -----------------------------------------------------------------------
   std::vector<Call> calls;
@@ -86,13 +86,10 @@ class RecordingServer final : public mv::IBookServer {
   int32_t CreateBookDatabase(BSTR templateName, BSTR option, BSTR newDbName) override;
   int32_t CheckTBL(BSTR dbName, BSTR tableName) override;
   int32_t CheckColumn(BSTR dbName, BSTR tableName, BSTR columnName) override;
-  int32_t AddRecord(BSTR dbName, VARIANT* record, int32_t recordCount,
-                    int32_t* newIndex) override;
-  int32_t UpdateRecord(BSTR dbName, VARIANT* record, int32_t recordCount,
-                       int32_t* tIndex) override;
-  int32_t DownLoadData(BSTR dbName, BSTR handle, BSTR columnName, int32_t rowIndex,
-                       int32_t blockNo, int32_t blockSize, VARIANT* block, int32_t* isEnd,
-                       int32_t* bytes) override;
+  int32_t AddRecord(BSTR dbName, VARIANT* record, int32_t recordCount, int32_t* newIndex) override;
+  int32_t UpdateRecord(BSTR dbName, VARIANT* record, int32_t recordCount, int32_t* tIndex) override;
+  int32_t DownLoadData(BSTR dbName, BSTR handle, BSTR columnName, int32_t rowIndex, int32_t blockNo,
+                       int32_t blockSize, VARIANT* block, int32_t* isEnd, int32_t* bytes) override;
   int32_t UpLoadData(VARIANT* record, int32_t blockNo, int32_t bytes, VARIANT* block,
                      int32_t isLast) override;
   int32_t DeleteRecord(BSTR dbName, BSTR handle, int32_t tIndex) override;

@@ -9,7 +9,8 @@ void ServerFixture::SetUp() {
   mv::setServerFactory([this](std::string_view host, mv::IBookServer** out) -> int32_t {
     hosts.emplace_back(host);
     if (failActivation != 0) return std::exchange(failActivation, 0);
-    servers.push_back(std::make_unique<RecordingServer>(host.empty() ? "local" : std::string(host)));
+    servers.push_back(
+        std::make_unique<RecordingServer>(host.empty() ? "local" : std::string(host)));
     *out = servers.back().get();
     return 0;
   });
