@@ -23,7 +23,8 @@
 
 namespace {
 
-const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
+const iconv_t kNoDescriptor =
+    reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr): iconv's own failure value
 constexpr std::size_t kConversionFailed = static_cast<std::size_t>(-1);
 constexpr char16_t kReplacement = u'\uFFFD';
 
@@ -41,20 +42,17 @@ std::size_t utf8Length(const unsigned char* p, std::size_t available) {
   std::size_t n = 0;
   unsigned char low = 0x80;
   unsigned char high = 0xBF;
-  if (c < 0xC2) {
-    return 1;
-  } else if (c <= 0xDF) {
+  if (c < 0xC2 || c > 0xF4) return 1;  // ASCII, a trail byte, or never a lead in UTF-8
+  if (c <= 0xDF) {
     n = 2;
   } else if (c <= 0xEF) {
     n = 3;
     if (c == 0xE0) low = 0xA0;   // shorter forms are overlong
     if (c == 0xED) high = 0x9F;  // surrogates
-  } else if (c <= 0xF4) {
+  } else {
     n = 4;
     if (c == 0xF0) low = 0x90;
     if (c == 0xF4) high = 0x8F;  // beyond U+10FFFF
-  } else {
-    return 1;
   }
   if (available < n || p[1] < low || p[1] > high) return 1;
   for (std::size_t i = 2; i < n; ++i) {
@@ -206,7 +204,8 @@ class CodePage {
       // A character the code page has no place for, or an unpaired surrogate: one '?' each,
       // itself converted so that a shifting code page stays in step.
       const std::size_t unit = static_cast<std::size_t>(in - bytes.data()) / 2;
-      const std::size_t skip = std::min<std::size_t>((pairAt(text, unit) ? 2 : 1) * 2, inLeft);
+      const std::size_t skip =
+          std::min<std::size_t>((pairAt(text, unit) ? std::size_t{2} : std::size_t{1}) * 2, inLeft);
       in += skip;
       inLeft -= skip;
       char question[] = {'?', '\0'};

@@ -97,7 +97,7 @@ class Registry {
   // with a fixed block's handle.
   MVHGLOBAL nextToken() {
     tokenCounter_ += 16;
-    return reinterpret_cast<MVHGLOBAL>(tokenCounter_ | 2);
+    return reinterpret_cast<MVHGLOBAL>(tokenCounter_ | 2);  // NOLINT(performance-no-int-to-ptr)
   }
 
   std::mutex mutex_;

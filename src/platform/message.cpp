@@ -88,8 +88,9 @@ void showMessage(const char* text, const char* caption) {
     return;
   }
   const std::string line = toTerminal(caption) + ": " + toTerminal(text) + "\n";
-  std::fwrite(line.data(), 1, line.size(), stderr);
-  std::fflush(stderr);
+  // Nothing sensible is left to do if standard error itself fails.
+  (void)std::fwrite(line.data(), 1, line.size(), stderr);
+  (void)std::fflush(stderr);
 }
 
 }  // namespace mv
