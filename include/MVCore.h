@@ -302,6 +302,12 @@ MVAPI int MVGetLastErrorImage(void);
    2 or -1. */
 MVAPI int MVSetMutex(const char* name, int32_t op);
 
+/* The data folder of the server in this process (MVInit("")): call before MVInit. Without it
+   the folder is $MVCORE_HOME, else $XDG_DATA_HOME/mvcore, else ~/.local/share/mvcore. A fresh
+   folder is set up on first use with the administrator "admin" (password "admin"), the discard
+   shelf and the book template "標準". 0, or -1 for a null folder. */
+MVAPI int MVSetDataFolder(const char* folder);
+
 /* ---------------------------------------------------------------------------------------------
  * Databases and tables.
  *

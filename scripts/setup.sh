@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 preset=${1:-dev}
 
 packages=(build-essential cmake ninja-build pkg-config binutils
-          googletest libgtest-dev libgmock-dev libbenchmark-dev
+          googletest libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
           clang-format clang-tidy)
 
 missing=()

@@ -5,15 +5,23 @@
 
 #include "frame/exchange.h"
 #include "platform/codepage.h"
+#include "server/core/book_server.h"
 
 namespace mv {
 
 namespace {
 
+std::string& dataFolder() {
+  static std::string folder;
+  return folder;
+}
+
+// No name: the server in this process, on the application's data folder. A host name needs the
+// network client, which this build does not have.
 int32_t defaultFactory(std::string_view host, IBookServer** server) {
-  (void)host;
   *server = nullptr;
-  return kStatusClassNotRegistered;
+  if (!host.empty()) return kStatusClassNotRegistered;
+  return server::connectEmbedded(dataFolder(), server);
 }
 
 ServerFactory& factory() {
@@ -147,6 +155,12 @@ MVAPI int MVGetLastError(char* message) {
     if (!text.empty()) mv::copyToField(message, mv::kTextBuffer, mv::toAnsi(text.get()));
   }
   return result;
+}
+
+MVAPI int MVSetDataFolder(const char* folder) {
+  if (folder == nullptr) return -1;
+  mv::dataFolder() = folder;
+  return 0;
 }
 
 MVAPI int MVGetLastErrorImage(void) { return connection().lastImageError; }

@@ -1,0 +1,41 @@
+// The storage engine on SQLite: one database file per server database in a folder.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "server/engine/storage.h"
+
+namespace mv::server {
+
+class SqliteEngine final : public StorageEngine {
+ public:
+  // `folder` holds the database files; it must exist.
+  explicit SqliteEngine(std::string folder);
+  ~SqliteEngine() override;
+
+  bool exists(std::string_view name) override;
+  std::shared_ptr<Database> open(std::string_view name, bool create, std::string& error) override;
+  bool copy(std::string_view from, std::string_view to, std::string& error) override;
+  bool remove(std::string_view name, std::string& error) override;
+  bool rename(std::string_view from, std::string_view to, std::string& error) override;
+  bool exportFile(std::string_view name, const std::string& path, std::string& error) override;
+  bool importFile(std::string_view name, const std::string& path, std::string& error) override;
+  std::vector<std::string> list() override;
+  std::string describe() override;
+
+  // The file that holds a database.
+  std::string pathOf(std::string_view name) const;
+
+ private:
+  // Drops the cached connection if nobody else uses it; false if someone does.
+  bool release(const std::string& name);
+
+  std::string folder_;
+  std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<Database>, std::less<>> open_;
+};
+
+}  // namespace mv::server
