@@ -272,7 +272,11 @@ SqlTranslation translateBatch(const std::vector<TokenSpan>& pieces) {
     }
     SqlTranslation one;
     if (auto f = translateOne(piece, one)) return refuse(f->reason);
+    // The caller checks r.table alone, so every UPDATE must name that same table.
     if (r.table.empty()) r.table = one.table;
+    if (upper(one.table) != upper(r.table)) {
+      return refuse("a batch updates one table; " + one.table + " differs from " + r.table);
+    }
     r.statements.push_back(std::move(one.statements.front()));
   }
   if (i == pieces.size() || pieces[i].empty()) return refuse("BEGIN TRAN without COMMIT TRAN");

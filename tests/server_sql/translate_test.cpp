@@ -61,13 +61,13 @@ TEST(TranslateTest, RewritesIntoSqlite) {
 TEST(TranslateTest, BatchesBecomeTheirUpdates) {
   auto r = translateSql(
       "BEGIN TRAN T1;UPDATE A SET OrderNo=2 WHERE T_Index=3;\n"
-      "UPDATE A WITH (NOLOCK) SET OrderNo=-1 WHERE Attribute=1 ; COMMIT TRAN T1;  ");
+      "UPDATE a WITH (NOLOCK) SET OrderNo=-1 WHERE Attribute=1 ; COMMIT TRAN T1;  ");
   ASSERT_TRUE(r.ok) << r.error;
   EXPECT_EQ(r.kind, SqlKind::UpdateBatch);
   EXPECT_EQ(r.table, "A");
   EXPECT_THAT(r.statements,
               ::testing::ElementsAre("UPDATE A SET OrderNo = 2 WHERE T_Index = 3",
-                                     "UPDATE A SET OrderNo = -1 WHERE Attribute = 1"));
+                                     "UPDATE a SET OrderNo = -1 WHERE Attribute = 1"));
   for (const char* in : {"begin transaction;UPDATE A SET x=1;commit transaction",
                          "BEGIN TRAN T1;UPDATE A SET x=1;COMMIT TRAN", "BEGIN TRAN;COMMIT TRAN;"}) {
     r = translateSql(in);
@@ -91,6 +91,7 @@ TEST(TranslateTest, RefusesWithAReasonNamingTheCulprit) {
       {"SELECT * FROM [a", "unterminated [name]"},
       {"BEGIN TRAN T1;DELETE FROM a;COMMIT TRAN T1;", "only UPDATE statements; found 'DELETE'"},
       {"BEGIN TRAN T1;UPDATE a SET b=1;", "without COMMIT"},
+      {"BEGIN TRAN;UPDATE a SET b=1;UPDATE [c] SET b=1;COMMIT TRAN", "c differs from a"},
       {"BEGIN TRAN T1;UPDATE a SET b=1;COMMIT TRAN T2", "T2"},
       {"BEGIN TRAN;UPDATE a SET b=1;COMMIT TRAN;SELECT * FROM a", "nothing may follow"},
       {"BEGIN TRAN;;COMMIT TRAN", "empty statement"},
