@@ -63,6 +63,24 @@ Value columnValue(ColumnType type, std::string_view text) {
   }
 }
 
+// "SELECT * ..." names every column but the blobs instead: the engine would otherwise load each
+// row's blobs whole just to leave them out of the snapshot.
+std::string withoutBlobs(const std::string& sql, const std::vector<ResultColumn>& columns) {
+  constexpr std::string_view kStar = "SELECT * ";
+  if (sql.size() < kStar.size() ||
+      !std::equal(kStar.begin(), kStar.end(), sql.begin(), [](char a, char b) {
+        return a == std::toupper(static_cast<unsigned char>(b));
+      })) {
+    return sql;
+  }
+  std::string list;
+  for (const ResultColumn& c : columns) {
+    if (isBlob(c.type)) continue;
+    list += (list.empty() ? "\"" : ", \"") + c.name + "\"";
+  }
+  return list.empty() ? sql : "SELECT " + list + " " + sql.substr(kStar.size());
+}
+
 int keyColumn(const Snapshot& s) {
   for (std::size_t i = 0; i < s.columns.size(); ++i) {
     if (s.columns[i].name == "T_Index" || s.columns[i].name == "T_index") {
@@ -92,7 +110,7 @@ BookServer::BookServer(std::shared_ptr<ServerCore> core)
 }
 
 BookServer::~BookServer() {
-  finishUploads();
+  settle();
   closeCarry(carryOut_, false);
   closeCarry(carryIn_, false);
   handles_.clear();
@@ -130,7 +148,7 @@ BookServer::Handle* BookServer::handle(const std::string& text, int32_t* status)
 }
 
 int32_t BookServer::DeleteDatabase(BSTR dbName, BSTR /*option*/) {
-  finishUploads();
+  settle();
   const std::string name = text(dbName);
   int32_t status = kOk;
   if (!database(name, &status)) return status;
@@ -153,7 +171,7 @@ int32_t BookServer::DeleteDatabase(BSTR dbName, BSTR /*option*/) {
 }
 
 int32_t BookServer::CopyDatabase(BSTR srcDb, BSTR, BSTR dstDb, BSTR, int32_t /*kind*/) {
-  finishUploads();
+  settle();
   const std::string from = text(srcDb);
   const std::string to = text(dstDb);
   int32_t status = kOk;
@@ -194,7 +212,7 @@ int32_t BookServer::OpenDatabase(BSTR dbName, int32_t mode, int32_t* /*out*/) {
 }
 
 int32_t BookServer::CloseDatabase(BSTR dbName) {
-  finishUploads();
+  settle();
   const std::string name = text(dbName);
   // Closing what this session did not open is harmless: the library does it when the
   // application left out the hold it counts on.
@@ -255,7 +273,7 @@ int32_t BookServer::CheckColumn(BSTR dbName, BSTR tableName, BSTR columnName) {
 int32_t BookServer::openSnapshot(const std::string& db, const std::string& sql,
                                  const std::string& table, bool writable, int32_t* rowCount,
                                  BSTR* handleOut) {
-  finishUploads();
+  settle();
   int32_t status = kOk;
   auto database = this->database(db, &status);
   if (!database) return status;
@@ -265,7 +283,7 @@ int32_t BookServer::openSnapshot(const std::string& db, const std::string& sql,
   h.table = table;
   h.writable = writable;
   std::string error;
-  if (!database->query(sql, h.snapshot, error)) {
+  if (!database->query(withoutBlobs(sql, database->columns(table)), h.snapshot, error)) {
     if (!database->hasTable(table))
       return fail(kMissingTable, "テーブル「" + table + "」がありません");
     return fail(kSqlFailed, "SQL文の実行に失敗しました: " + error);
@@ -308,7 +326,7 @@ int32_t BookServer::OpenTable(BSTR dbName, BSTR tableName, int32_t /*mode*/, int
 }
 
 int32_t BookServer::CloseTable(BSTR /*dbName*/, BSTR handleText) {
-  const int32_t pending = finishUploads();
+  const int32_t pending = settle();
   int32_t status = kOk;
   const std::string name = text(handleText);
   if (!handle(name, &status)) return status;
@@ -336,7 +354,7 @@ int32_t BookServer::GetRecords(BSTR /*dbName*/, BSTR handleText, int32_t rowInde
 }
 
 int32_t BookServer::ExecuteSQL(BSTR dbName, BSTR sql) {
-  finishUploads();
+  settle();
   const SqlTranslation t = translateSql(text(sql));
   if (!t.ok || t.kind == SqlKind::Select || (!t.table.empty() && !validTable(t.table))) {
     return fail(kSqlRefused,
@@ -354,7 +372,7 @@ int32_t BookServer::ExecuteSQL(BSTR dbName, BSTR sql) {
 }
 
 int32_t BookServer::writeRecord(BSTR dbName, VARIANT* record, bool add, int32_t* index) {
-  finishUploads();
+  settle();
   if (index == nullptr) return fail(kBadArgument, "行番号がありません");
   std::vector<std::string> elements;
   if (!arrayTexts(record, elements) || elements.empty()) {
@@ -405,7 +423,7 @@ int32_t BookServer::UpdateRecord(BSTR dbName, VARIANT* record, int32_t, int32_t*
 }
 
 int32_t BookServer::DeleteRecord(BSTR /*dbName*/, BSTR handleText, int32_t tIndex) {
-  finishUploads();
+  settle();
   int32_t status = kOk;
   Handle* h = handle(text(handleText), &status);
   if (!h) return status;
@@ -422,7 +440,7 @@ int32_t BookServer::DeleteRecord(BSTR /*dbName*/, BSTR handleText, int32_t tInde
 
 int32_t BookServer::DeleteRecords(BSTR /*dbName*/, BSTR handleText, int32_t firstRow,
                                   int32_t lastRow) {
-  finishUploads();
+  settle();
   int32_t status = kOk;
   Handle* h = handle(text(handleText), &status);
   if (!h) return status;
@@ -468,7 +486,7 @@ int32_t BookServer::UpLoadData(VARIANT* record, int32_t blockNo, int32_t bytes, 
       std::fclose(it->second.file);
       uploads_.erase(it);
     }
-    if (const int32_t pending = finishUploads(); pending != kOk) return pending;
+    if (const int32_t pending = settle(); pending != kOk) return pending;
     const auto columns = h->database->columns(h->table);
     const auto c = std::find_if(columns.begin(), columns.end(),
                                 [&](const ResultColumn& rc) { return rc.name == column; });
@@ -529,6 +547,11 @@ int32_t BookServer::finishUpload(Upload& u) {
   return ok ? kOk : fail(kStorageFailed, "データを保存できません: " + error);
 }
 
+int32_t BookServer::settle() {
+  download_ = Download{};
+  return finishUploads();
+}
+
 int32_t BookServer::finishUploads() {
   int32_t first = kOk;
   for (auto& [target, upload] : uploads_) {
@@ -555,16 +578,25 @@ int32_t BookServer::DownLoadData(BSTR /*dbName*/, BSTR handleText, BSTR columnNa
   }
   const int64_t tIndex =
       h->snapshot.rows[static_cast<std::size_t>(rowIndex)][static_cast<std::size_t>(key)].i;
+  const std::string column = text(columnName);
+  if (!download_.reader || download_.handle != text(handleText) || download_.key != tIndex ||
+      download_.column != column) {
+    std::string error;
+    download_ = Download{text(handleText), tIndex, column,
+                         h->database->openBlob(h->table, column, tIndex, error)};
+    if (!download_.reader) return fail(kStorageFailed, "データを読めません: " + error);
+  }
   std::vector<uint8_t> data;
-  int64_t total = 0;
   std::string error;
   const int64_t offset = int64_t{blockNo - 1} * blockSize;
-  if (!h->database->readBlob(h->table, text(columnName), tIndex, offset,
-                             static_cast<std::size_t>(blockSize), data, &total, error)) {
+  if (!download_.reader->read(offset, static_cast<std::size_t>(blockSize), data, error)) {
+    download_ = Download{};
     return fail(kStorageFailed, "データを読めません: " + error);
   }
+  const int64_t total = download_.reader->size();
   if (isEnd) *isEnd = offset + static_cast<int64_t>(data.size()) >= total ? 1 : 0;
   if (bytes) *bytes = static_cast<int32_t>(data.size());
+  if (offset + static_cast<int64_t>(data.size()) >= total) download_ = Download{};
   // Past the end, and for an empty column, the answer holds no array.
   if (data.empty()) return kOk;
   if (!putBytes(block, data.data(), data.size())) return fail(kStorageFailed, "メモリが足りません");
@@ -573,7 +605,7 @@ int32_t BookServer::DownLoadData(BSTR /*dbName*/, BSTR handleText, BSTR columnNa
 
 int32_t BookServer::ImageFileDate(BSTR /*dbName*/, BSTR handleText, int32_t op, int32_t tIndex,
                                   double* date) {
-  if (const int32_t pending = finishUploads(); pending != kOk) return pending;
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   Handle* h = handle(text(handleText), &status);
   if (!h) return status;

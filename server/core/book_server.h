@@ -112,6 +112,13 @@ class BookServer final : public IBookServer {
     std::FILE* file = nullptr;
     int64_t size = 0;
   };
+  // The blob being downloaded, kept open between its blocks.
+  struct Download {
+    std::string handle;
+    int64_t key = 0;
+    std::string column;
+    std::unique_ptr<BlobReader> reader;
+  };
   struct Carry {
     std::string db;
     std::string path;
@@ -128,6 +135,8 @@ class BookServer final : public IBookServer {
   int32_t writeRecord(BSTR dbName, VARIANT* record, bool add, int32_t* index);
   // Stores pending blobs; the first failure's status (0 if none).
   int32_t finishUploads();
+  // Before any other call: pending blobs stored, an open download ended.
+  int32_t settle();
   int32_t finishUpload(Upload& upload);
   void closeCarry(Carry& carry, bool keepFile);
 
@@ -138,6 +147,7 @@ class BookServer final : public IBookServer {
   std::map<std::string, Handle> handles_;
   uint64_t handleSerial_ = 0;
   std::map<std::string, Upload> uploads_;
+  Download download_;
   Carry carryOut_;
   Carry carryIn_;
 };

@@ -45,6 +45,17 @@ using ColumnValues = std::vector<std::pair<std::string, Value>>;
 // Bytes of a blob arrive from here: fills up to `size`, returns the count, -1 on failure.
 using ByteSource = std::function<std::ptrdiff_t(uint8_t* data, std::size_t size)>;
 
+// A blob being read front to back. Kept open across pieces, so that a long blob costs one walk
+// through the storage, not one from its start for every piece. A write to the row ends it.
+class BlobReader {
+ public:
+  virtual ~BlobReader() = default;
+  virtual int64_t size() const = 0;
+  // Up to `max` bytes from `offset` (none past the end).
+  virtual bool read(int64_t offset, std::size_t max, std::vector<uint8_t>& out,
+                    std::string& error) = 0;
+};
+
 // One database. Safe to use from several threads; each call is atomic on its own.
 class Database {
  public:
@@ -78,10 +89,10 @@ class Database {
   // Replaces a blob column's bytes with `size` bytes from `source`, in bounded memory.
   virtual bool writeBlob(std::string_view table, std::string_view column, int64_t key, int64_t size,
                          const ByteSource& source, std::string& error) = 0;
-  // Reads up to `max` bytes from `offset`; `total` gets the blob's size (0 for none/NULL).
-  virtual bool readBlob(std::string_view table, std::string_view column, int64_t key,
-                        int64_t offset, std::size_t max, std::vector<uint8_t>& out, int64_t* total,
-                        std::string& error) = 0;
+  // Opens a blob column of one row for reading in pieces; nullptr with `error` when there is no
+  // such row or column. A NULL column reads as empty.
+  virtual std::unique_ptr<BlobReader> openBlob(std::string_view table, std::string_view column,
+                                               int64_t key, std::string& error) = 0;
 
   // The server's own values kept with the database (counters, file dates), by name.
   virtual bool getMeta(std::string_view name, Value& value) = 0;

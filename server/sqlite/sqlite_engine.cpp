@@ -134,7 +134,7 @@ class Statement {
   int rc_ = SQLITE_ERROR;
 };
 
-class SqliteDatabase final : public Database {
+class SqliteDatabase final : public Database, public std::enable_shared_from_this<SqliteDatabase> {
  public:
   SqliteDatabase(sqlite3* db) : db_(db) {}
   ~SqliteDatabase() override { sqlite3_close_v2(db_); }
@@ -161,9 +161,11 @@ class SqliteDatabase final : public Database {
       if (rc == SQLITE_DONE) break;
       if (rc != SQLITE_ROW) return fail(error);
       if (!typed) {
+        // The declared type first: asking a blob column for its value's type would load it.
         for (int i = 0; i < n; ++i) {
-          out.columns[static_cast<std::size_t>(i)].type = typeOfDeclared(
-              sqlite3_column_decltype(st.get(), i), sqlite3_column_type(st.get(), i));
+          const char* declared = sqlite3_column_decltype(st.get(), i);
+          out.columns[static_cast<std::size_t>(i)].type =
+              typeOfDeclared(declared, declared ? SQLITE_NULL : sqlite3_column_type(st.get(), i));
         }
         typed = true;
       }
@@ -380,46 +382,8 @@ class SqliteDatabase final : public Database {
     return exec("COMMIT", error);
   }
 
-  bool readBlob(std::string_view table, std::string_view column, int64_t key, int64_t offset,
-                std::size_t max, std::vector<uint8_t>& out, int64_t* total,
-                std::string& error) override {
-    std::lock_guard lock(mutex_);
-    out.clear();
-    *total = 0;
-    {
-      Statement st(db_, "SELECT typeof(" + quoteIdent(column) + ") FROM " + quoteIdent(table) +
-                            " WHERE T_Index=?");
-      if (!st.ok()) return fail(error);
-      sqlite3_bind_int64(st.get(), 1, key);
-      if (sqlite3_step(st.get()) != SQLITE_ROW) {
-        error = "no row " + std::to_string(key);
-        return false;
-      }
-      const auto* kind = reinterpret_cast<const char*>(sqlite3_column_text(st.get(), 0));
-      if (kind == nullptr || std::string_view(kind) == "null") return true;
-    }
-    sqlite3_blob* blob = nullptr;
-    if (sqlite3_blob_open(db_, "main", std::string(table).c_str(), std::string(column).c_str(), key,
-                          0, &blob) != SQLITE_OK) {
-      fail(error);
-      sqlite3_blob_close(blob);
-      return false;
-    }
-    *total = sqlite3_blob_bytes(blob);
-    if (offset < *total) {
-      const auto n =
-          static_cast<std::size_t>(std::min<int64_t>(*total - offset, static_cast<int64_t>(max)));
-      out.resize(n);
-      if (sqlite3_blob_read(blob, out.data(), static_cast<int>(n), static_cast<int>(offset)) !=
-          SQLITE_OK) {
-        fail(error);
-        sqlite3_blob_close(blob);
-        return false;
-      }
-    }
-    sqlite3_blob_close(blob);
-    return true;
-  }
+  std::unique_ptr<BlobReader> openBlob(std::string_view table, std::string_view column, int64_t key,
+                                       std::string& error) override;
 
   bool getMeta(std::string_view name, Value& value) override {
     std::lock_guard lock(mutex_);
@@ -494,6 +458,67 @@ class SqliteDatabase final : public Database {
   sqlite3* db_;
   std::mutex mutex_;
 };
+
+class SqliteBlobReader final : public BlobReader {
+ public:
+  SqliteBlobReader(std::shared_ptr<SqliteDatabase> db, sqlite3_blob* blob)
+      : db_(std::move(db)), blob_(blob), size_(blob ? sqlite3_blob_bytes(blob) : 0) {}
+  ~SqliteBlobReader() override {
+    std::lock_guard lock(db_->mutex());
+    sqlite3_blob_close(blob_);
+  }
+  int64_t size() const override { return size_; }
+  bool read(int64_t offset, std::size_t max, std::vector<uint8_t>& out,
+            std::string& error) override {
+    out.clear();
+    if (blob_ == nullptr || offset >= size_) return true;
+    const auto n =
+        static_cast<std::size_t>(std::min<int64_t>(size_ - offset, static_cast<int64_t>(max)));
+    out.resize(n);
+    std::lock_guard lock(db_->mutex());
+    const int rc =
+        sqlite3_blob_read(blob_, out.data(), static_cast<int>(n), static_cast<int>(offset));
+    if (rc != SQLITE_OK) {
+      error = rc == SQLITE_ABORT ? "the row changed while it was read" : sqlite3_errstr(rc);
+      out.clear();
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  std::shared_ptr<SqliteDatabase> db_;
+  sqlite3_blob* blob_;
+  int64_t size_;
+};
+
+std::unique_ptr<BlobReader> SqliteDatabase::openBlob(std::string_view table,
+                                                     std::string_view column, int64_t key,
+                                                     std::string& error) {
+  std::lock_guard lock(mutex_);
+  {
+    Statement st(db_, "SELECT typeof(" + quoteIdent(column) + ") FROM " + quoteIdent(table) +
+                          " WHERE T_Index=?");
+    if (!st.ok()) return fail(error), nullptr;
+    sqlite3_bind_int64(st.get(), 1, key);
+    if (sqlite3_step(st.get()) != SQLITE_ROW) {
+      error = "no row " + std::to_string(key);
+      return nullptr;
+    }
+    const auto* kind = reinterpret_cast<const char*>(sqlite3_column_text(st.get(), 0));
+    if (kind == nullptr || std::string_view(kind) == "null") {
+      return std::make_unique<SqliteBlobReader>(shared_from_this(), nullptr);
+    }
+  }
+  sqlite3_blob* blob = nullptr;
+  if (sqlite3_blob_open(db_, "main", std::string(table).c_str(), std::string(column).c_str(), key,
+                        0, &blob) != SQLITE_OK) {
+    fail(error);
+    sqlite3_blob_close(blob);
+    return nullptr;
+  }
+  return std::make_unique<SqliteBlobReader>(shared_from_this(), blob);
+}
 
 sqlite3* openFile(const std::string& path, int flags, std::string& error) {
   sqlite3* db = nullptr;
