@@ -25,15 +25,7 @@ int main(int argc, char** argv) {
   MVSetMessageHandler(onMessage, NULL);
 
   printf("Connecting to %s...\n", *host ? host : "the server in this process");
-  if (MVInit(host) != 0) {
-    char message[260] = "";
-    int code = MVGetLastError(message);
-    /* 0x80040154: nothing answers for the server class, as in a build without a server. */
-    printf("No book server could be activated: status 0x%X%s%s\n", (unsigned)code,
-           *message ? " " : "", message);
-    printf("This build has the client library only; nothing else to do.\n");
-    return 0;
-  }
+  if (MVInit(host) != 0) return fail("MVInit");
 
   int result = 0;
   if (MVConnectCheck() != 0) {
