@@ -106,6 +106,15 @@ std::vector<uint8_t> pattern(std::size_t size, uint32_t seed) {
   return out;
 }
 
+::testing::AssertionResult sameBytes(const std::vector<uint8_t>& actual,
+                                     const std::vector<uint8_t>& expected) {
+  if (actual == expected) return ::testing::AssertionSuccess();
+  const auto diff = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
+  return ::testing::AssertionFailure()
+         << "got " << actual.size() << " bytes, expected " << expected.size()
+         << "; first difference at " << (diff.first - actual.begin());
+}
+
 Opened openTable(mv::IBookServer& server, std::string_view db, std::string_view table) {
   Opened o;
   mv::Bstr handle;

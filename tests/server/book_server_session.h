@@ -75,6 +75,9 @@ std::vector<uint8_t> bytes(const VARIANT& v);
 
 // Bytes no two sizes or seeds share by accident.
 std::vector<uint8_t> pattern(std::size_t size, uint32_t seed);
+// Equal bytes; a failure names the sizes only, as a dump of megabytes helps nobody.
+::testing::AssertionResult sameBytes(const std::vector<uint8_t>& actual,
+                                     const std::vector<uint8_t>& expected);
 
 struct Opened {
   int32_t status = -1;
