@@ -10,6 +10,7 @@
 
 #include "MVCore.h"
 #include "platform/codepage.h"
+#include "platform/utf.h"
 
 namespace {
 
@@ -24,41 +25,10 @@ HandlerState& handlerState() {
   return *state;
 }
 
-void appendUtf8(std::string& out, char32_t c) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
-}
-
 // Going through UTF-16 also turns bytes that are invalid in the code page into U+FFFD, so the
 // terminal never receives a broken sequence, even when the code page is UTF-8 itself.
 std::string toTerminal(const char* text) {
-  const std::u16string wide = mv::ansiToWide(text == nullptr ? std::string_view() : text);
-  std::string out;
-  out.reserve(wide.size());
-  for (std::size_t i = 0; i < wide.size(); ++i) {
-    char32_t c = wide[i];
-    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < wide.size() && wide[i + 1] >= 0xDC00 &&
-        wide[i + 1] <= 0xDFFF) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (wide[++i] - 0xDC00);
-    } else if (c >= 0xD800 && c <= 0xDFFF) {
-      c = 0xFFFD;
-    }
-    appendUtf8(out, c);
-  }
-  return out;
+  return mv::utf16ToUtf8(mv::ansiToWide(text == nullptr ? std::string_view() : text));
 }
 
 }  // namespace
