@@ -6,6 +6,7 @@
 
 #include "MVCore.h"
 #include "frame/exchange.h"
+#include "frame/sql_text.h"
 #include "server_fixture.h"
 #include "utf8.h"
 
@@ -180,6 +181,21 @@ TEST(TextConversion, JapaneseCrossesAsUtf16AndBack) {
   EXPECT_EQ(mv::toAnsi(wide.get()), "\x95\x5C\x8E\x86\x93\xFC\x97\xCD");
   EXPECT_EQ(mv::toAnsi(nullptr), "");
   EXPECT_TRUE(mv::toWide(static_cast<const char*>(nullptr)).empty());
+}
+
+}  // namespace
+}  // namespace mvtest
+
+namespace mvtest {
+namespace {
+
+TEST(SqlText, ApostrophesAreDoubledAndNothingElseChanges) {
+  EXPECT_EQ(mv::sqlText("O'Brien's"), "O''Brien''s");
+  EXPECT_EQ(mv::sqlText("%_\x95\x5C"), "%_\x95\x5C");  // LIKE wildcards and a trail byte 0x5C
+  EXPECT_EQ(mv::sqlFormat("SELECT * FROM UserInfoTBL WHERE UserName='%s' AND T_Index=%d",
+                          mv::sqlText("a'b").c_str(), 7),
+            "SELECT * FROM UserInfoTBL WHERE UserName='a''b' AND T_Index=7");
+  EXPECT_EQ(mv::sqlFormat("%s", std::string(5000, 'x').c_str()).size(), 5000u);
 }
 
 }  // namespace
