@@ -148,7 +148,7 @@ BookServer::Handle* BookServer::handle(const std::string& text, int32_t* status)
 }
 
 int32_t BookServer::DeleteDatabase(BSTR dbName, BSTR /*option*/) {
-  settle();
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string name = text(dbName);
   int32_t status = kOk;
   if (!database(name, &status)) return status;
@@ -171,7 +171,7 @@ int32_t BookServer::DeleteDatabase(BSTR dbName, BSTR /*option*/) {
 }
 
 int32_t BookServer::CopyDatabase(BSTR srcDb, BSTR, BSTR dstDb, BSTR, int32_t /*kind*/) {
-  settle();
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string from = text(srcDb);
   const std::string to = text(dstDb);
   int32_t status = kOk;
@@ -197,6 +197,7 @@ int32_t BookServer::CopyDatabase(BSTR srcDb, BSTR, BSTR dstDb, BSTR, int32_t /*k
 }
 
 int32_t BookServer::OpenDatabase(BSTR dbName, int32_t mode, int32_t* /*out*/) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string name = text(dbName);
   if (mode == 0x63) {
     if (isClientDatabaseName(name) && core_->engine().exists(name)) return kOk;
@@ -212,7 +213,7 @@ int32_t BookServer::OpenDatabase(BSTR dbName, int32_t mode, int32_t* /*out*/) {
 }
 
 int32_t BookServer::CloseDatabase(BSTR dbName) {
-  settle();
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string name = text(dbName);
   // Closing what this session did not open is harmless: the library does it when the
   // application left out the hold it counts on.
@@ -224,9 +225,13 @@ int32_t BookServer::CloseDatabase(BSTR dbName) {
   return kOk;
 }
 
-int32_t BookServer::UnlockDatabase(BSTR /*dbName*/) { return kOk; }
+int32_t BookServer::UnlockDatabase(BSTR /*dbName*/) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
+  return kOk;
+}
 
 int32_t BookServer::CreateTable(BSTR dbName, BSTR tableName, int32_t tableKind) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   static constexpr std::pair<int32_t, const char*> kKinds[] = {{0x20, "ViewAttributeTBL"},
                                                                {0x21, "ViewItemTBL"},
                                                                {0x22, "ViewManageTBL"},
@@ -252,6 +257,7 @@ int32_t BookServer::CreateTable(BSTR dbName, BSTR tableName, int32_t tableKind) 
 }
 
 int32_t BookServer::CheckTBL(BSTR dbName, BSTR tableName) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto db = database(text(dbName), &status);
   if (!db) return status;
@@ -261,6 +267,7 @@ int32_t BookServer::CheckTBL(BSTR dbName, BSTR tableName) {
 }
 
 int32_t BookServer::CheckColumn(BSTR dbName, BSTR tableName, BSTR columnName) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto db = database(text(dbName), &status);
   if (!db) return status;
@@ -273,7 +280,7 @@ int32_t BookServer::CheckColumn(BSTR dbName, BSTR tableName, BSTR columnName) {
 int32_t BookServer::openSnapshot(const std::string& db, const std::string& sql,
                                  const std::string& table, bool writable, int32_t* rowCount,
                                  BSTR* handleOut) {
-  settle();
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto database = this->database(db, &status);
   if (!database) return status;
@@ -297,6 +304,7 @@ int32_t BookServer::openSnapshot(const std::string& db, const std::string& sql,
 
 int32_t BookServer::ExecuteQuery(BSTR dbName, BSTR /*tableName*/, BSTR sql, int32_t /*flag*/,
                                  int32_t* rowCount, BSTR* handleOut) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string statement = text(sql);
   const SqlTranslation t = translateSql(statement);
   if (!t.ok || t.kind != SqlKind::Select || !validTable(t.table)) {
@@ -308,6 +316,7 @@ int32_t BookServer::ExecuteQuery(BSTR dbName, BSTR /*tableName*/, BSTR sql, int3
 
 int32_t BookServer::OpenTableEx(BSTR dbName, BSTR /*tableName*/, BSTR sql, int32_t /*flag*/,
                                 int32_t* rowCount, BSTR* handleOut) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   // The statement, not the table argument, says what is read and what the handle writes to.
   const SqlTranslation t = translateSql(text(sql));
   if (!t.ok || t.kind != SqlKind::Select || !validTable(t.table)) {
@@ -319,6 +328,7 @@ int32_t BookServer::OpenTableEx(BSTR dbName, BSTR /*tableName*/, BSTR sql, int32
 
 int32_t BookServer::OpenTable(BSTR dbName, BSTR tableName, int32_t /*mode*/, int32_t* rowCount,
                               BSTR* handleOut) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string table = text(tableName);
   if (!validTable(table)) return fail(kMissingTable, "テーブル「" + table + "」がありません");
   return openSnapshot(text(dbName), "SELECT * FROM \"" + table + "\" ORDER BY T_Index", table, true,
@@ -326,6 +336,7 @@ int32_t BookServer::OpenTable(BSTR dbName, BSTR tableName, int32_t /*mode*/, int
 }
 
 int32_t BookServer::CloseTable(BSTR /*dbName*/, BSTR handleText) {
+  // The handle goes even when storing its pending blob failed; the failure is still told.
   const int32_t pending = settle();
   int32_t status = kOk;
   const std::string name = text(handleText);
@@ -335,6 +346,7 @@ int32_t BookServer::CloseTable(BSTR /*dbName*/, BSTR handleText) {
 }
 
 int32_t BookServer::GetRecords(BSTR /*dbName*/, BSTR handleText, int32_t rowIndex, VARIANT* row) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   Handle* h = handle(text(handleText), &status);
   if (!h) return status;
@@ -354,7 +366,7 @@ int32_t BookServer::GetRecords(BSTR /*dbName*/, BSTR handleText, int32_t rowInde
 }
 
 int32_t BookServer::ExecuteSQL(BSTR dbName, BSTR sql) {
-  settle();
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const SqlTranslation t = translateSql(text(sql));
   if (!t.ok || t.kind == SqlKind::Select || (!t.table.empty() && !validTable(t.table))) {
     return fail(kSqlRefused,
@@ -372,7 +384,7 @@ int32_t BookServer::ExecuteSQL(BSTR dbName, BSTR sql) {
 }
 
 int32_t BookServer::writeRecord(BSTR dbName, VARIANT* record, bool add, int32_t* index) {
-  settle();
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (index == nullptr) return fail(kBadArgument, "行番号がありません");
   std::vector<std::string> elements;
   if (!arrayTexts(record, elements) || elements.empty()) {
@@ -415,15 +427,17 @@ int32_t BookServer::writeRecord(BSTR dbName, VARIANT* record, bool add, int32_t*
 }
 
 int32_t BookServer::AddRecord(BSTR dbName, VARIANT* record, int32_t, int32_t* newIndex) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   return writeRecord(dbName, record, true, newIndex);
 }
 
 int32_t BookServer::UpdateRecord(BSTR dbName, VARIANT* record, int32_t, int32_t* tIndex) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   return writeRecord(dbName, record, false, tIndex);
 }
 
 int32_t BookServer::DeleteRecord(BSTR /*dbName*/, BSTR handleText, int32_t tIndex) {
-  settle();
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   Handle* h = handle(text(handleText), &status);
   if (!h) return status;
@@ -440,7 +454,7 @@ int32_t BookServer::DeleteRecord(BSTR /*dbName*/, BSTR handleText, int32_t tInde
 
 int32_t BookServer::DeleteRecords(BSTR /*dbName*/, BSTR handleText, int32_t firstRow,
                                   int32_t lastRow) {
-  settle();
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   Handle* h = handle(text(handleText), &status);
   if (!h) return status;
@@ -464,6 +478,15 @@ int32_t BookServer::DeleteRecords(BSTR /*dbName*/, BSTR handleText, int32_t firs
 
 int32_t BookServer::UpLoadData(VARIANT* record, int32_t blockNo, int32_t bytes, VARIANT* block,
                                int32_t isLast) {
+  // An empty array may have no storage; it is still a block, unlike a missing one.
+  static constexpr uint8_t kNoBytes = 0;
+  const uint8_t* data = nullptr;
+  if (blockBytes(block, bytes, &data) && data == nullptr) data = &kNoBytes;
+  return upLoadBytes(record, blockNo, data, bytes, isLast);
+}
+
+int32_t BookServer::upLoadBytes(VARIANT* record, int32_t blockNo, const uint8_t* data,
+                                int32_t bytes, int32_t isLast) {
   std::vector<std::string> parts;
   if (!arrayTexts(record, parts) || parts.size() < 4) {
     return fail(kBadArgument, "ブロックの宛先が正しくありません");
@@ -476,9 +499,7 @@ int32_t BookServer::UpLoadData(VARIANT* record, int32_t blockNo, int32_t bytes, 
   if (!h) return status;
   if (!h->writable) return fail(kReadOnlyHandle, "このハンドルからは書き込めません");
   const std::string target = handleText + "/" + std::to_string(key) + "/" + column;
-  const uint8_t* data = nullptr;
-  if (!blockBytes(block, bytes, &data))
-    return fail(kBadArgument, "ブロックの長さが正しくありません");
+  if (data == nullptr || bytes < 0) return fail(kBadArgument, "ブロックの長さが正しくありません");
 
   if (blockNo == 1) {
     // A new series: whatever else was pending is stored first, a repeat of this one restarts.
@@ -579,8 +600,9 @@ int32_t BookServer::DownLoadData(BSTR /*dbName*/, BSTR handleText, BSTR columnNa
   const int64_t tIndex =
       h->snapshot.rows[static_cast<std::size_t>(rowIndex)][static_cast<std::size_t>(key)].i;
   const std::string column = text(columnName);
-  if (!download_.reader || download_.handle != text(handleText) || download_.key != tIndex ||
-      download_.column != column) {
+  // Block 1 always starts a fresh read: the row may have changed since an earlier one.
+  if (blockNo == 1 || !download_.reader || download_.handle != text(handleText) ||
+      download_.key != tIndex || download_.column != column) {
     std::string error;
     download_ = Download{text(handleText), tIndex, column,
                          h->database->openBlob(h->table, column, tIndex, error)};

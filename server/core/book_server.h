@@ -94,6 +94,12 @@ class BookServer final : public IBookServer {
   int32_t CheckOSType(int32_t* type) override;
   int32_t GetServerModuleVersion(int32_t* v1, int32_t* v2, int32_t* v3, int32_t* v4) override;
 
+  // UpLoadData over bytes the caller holds: the network stub passes a received block as it lies
+  // in the message instead of copying it into an array. `data` is null when the block is
+  // missing or holds fewer than `bytes` bytes.
+  int32_t upLoadBytes(VARIANT* record, int32_t blockNo, const uint8_t* data, int32_t bytes,
+                      int32_t isLast);
+
  private:
   struct Handle {
     std::string db;

@@ -43,6 +43,7 @@ int32_t clampInt(int64_t v) {
 // --- counters and mutexes ----------------------------------------------------------------------
 
 int32_t BookServer::SetBookUpdateCounter(BSTR dbName) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto db = database(text(dbName), &status);
   if (!db) return status;
@@ -55,6 +56,7 @@ int32_t BookServer::SetBookUpdateCounter(BSTR dbName) {
 }
 
 int32_t BookServer::GetBookUpdateCounter(BSTR dbName, uint8_t* /*block16*/, int32_t* counter) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto db = database(text(dbName), &status);
   if (!db) return status;
@@ -66,6 +68,7 @@ int32_t BookServer::GetBookUpdateCounter(BSTR dbName, uint8_t* /*block16*/, int3
 
 int32_t BookServer::TagUpdateCounter(BSTR dbName, int32_t tagIndex, int32_t op,
                                      uint8_t* /*block16*/, int32_t* counter) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto db = database(text(dbName), &status);
   if (!db) return status;
@@ -91,6 +94,7 @@ int32_t BookServer::TagUpdateCounter(BSTR dbName, int32_t tagIndex, int32_t op,
 
 // Named counters: op 0 reads, 1 raises by one, 2 lowers by one; `value` gets the count.
 int32_t BookServer::SetCounter(BSTR name, int32_t op, int32_t* value) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (op < 0 || op > 2)
     return fail(kBadArgument, "カウンタの操作 " + std::to_string(op) + " は使えません");
   auto own = core_->own();
@@ -104,7 +108,10 @@ int32_t BookServer::SetCounter(BSTR name, int32_t op, int32_t* value) {
   return kOk;
 }
 
-int32_t BookServer::SetMutex(BSTR name, int32_t op) { return core_->mutex(text(name), op, id_); }
+int32_t BookServer::SetMutex(BSTR name, int32_t op) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
+  return core_->mutex(text(name), op, id_);
+}
 
 // --- users -------------------------------------------------------------------------------------
 
@@ -142,6 +149,7 @@ Account account(ServerCore& core, const std::string& name, const std::string& pa
 // LoginMgr(user, text, password, op): op 1 logs the user on to this session (the text is kept
 // with the name, GetLoginUsers shows it), op 0 logs them off.
 int32_t BookServer::LoginMgr(BSTR first, BSTR second, BSTR third, int32_t fourth) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string user = text(first);
   if (fourth == 0) {
     core_->logoff(id_, user);
@@ -157,6 +165,7 @@ int32_t BookServer::LoginMgr(BSTR first, BSTR second, BSTR third, int32_t fourth
 }
 
 int32_t BookServer::GetLoginUsers(VARIANT* list, int32_t* count) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (list == nullptr || count == nullptr) return fail(kBadArgument, "引数が正しくありません");
   std::vector<std::string> texts;
   for (const auto& [user, note] : core_->loggedOn()) {
@@ -171,6 +180,7 @@ int32_t BookServer::GetLoginUsers(VARIANT* list, int32_t* count) {
 // SetUserAdmin(user, password, op): op 0 asks, 1 makes the user an administrator, 2 makes them
 // an ordinary user; the answer is the state afterwards, 3 for administrator, 4 for not.
 int32_t BookServer::SetUserAdmin(BSTR first, BSTR second, int32_t third) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (third < 0 || third > 2)
     return fail(kBadArgument, "操作 " + std::to_string(third) + " は使えません");
   const Account a = account(*core_, text(first), text(second));
@@ -187,6 +197,7 @@ int32_t BookServer::SetUserAdmin(BSTR first, BSTR second, int32_t third) {
 
 // GetConnect: the sessions connected now, and this session's number.
 int32_t BookServer::GetConnect(int32_t* first, int32_t* second) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (first == nullptr || second == nullptr) return fail(kBadArgument, "引数が正しくありません");
   *first = core_->liveSessions();
   *second = clampInt(static_cast<int64_t>(id_));
@@ -197,6 +208,7 @@ int32_t BookServer::GetConnect(int32_t* first, int32_t* second) {
 
 int32_t BookServer::OpenNetShare(BSTR /*shareClient*/, BSTR /*computerName*/, BSTR dbName,
                                  BSTR tableName, int32_t tIndex, BSTR* folder) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string db = text(dbName);
   const std::string table = text(tableName);
   std::string path;
@@ -219,7 +231,10 @@ int32_t BookServer::OpenNetShare(BSTR /*shareClient*/, BSTR /*computerName*/, BS
   return kOk;
 }
 
-int32_t BookServer::CloseNetShare(BSTR, BSTR, int32_t) { return kOk; }
+int32_t BookServer::CloseNetShare(BSTR, BSTR, int32_t) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
+  return kOk;
+}
 
 // --- carrying and replication ------------------------------------------------------------------
 
@@ -231,6 +246,7 @@ void BookServer::closeCarry(Carry& carry, bool keepFile) {
 
 int32_t BookServer::CarryingOut(BSTR dbName, int32_t blockNo, int32_t blockSize, VARIANT* block,
                                 int32_t* isEnd, BSTR* fileName, int32_t* /*value*/) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string db = text(dbName);
   if (blockSize <= 0 || blockSize > 64 * 1024 * 1024 || blockNo < 1 || isEnd == nullptr) {
     return fail(kBadArgument, "ブロックの指定が正しくありません");
@@ -272,6 +288,7 @@ int32_t BookServer::CarryingOut(BSTR dbName, int32_t blockNo, int32_t blockSize,
 
 int32_t BookServer::Carryingin(BSTR dbName, int32_t isFirst, int32_t bytes, VARIANT* block,
                                int32_t isLast) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string db = text(dbName);
   if (!isClientDatabaseName(db))
     return fail(kBadArgument, "データベース名「" + db + "」は使えません");
@@ -311,6 +328,7 @@ int32_t BookServer::Carryingin(BSTR dbName, int32_t isFirst, int32_t bytes, VARI
 
 // One text per book database: "name,carried,value", carried 1 while it is taken out.
 int32_t BookServer::GetCarryingInfo(VARIANT* list) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   auto own = core_->own();
   if (!own || list == nullptr) return fail(kBadArgument, "引数が正しくありません");
   std::vector<std::string> texts;
@@ -326,6 +344,7 @@ int32_t BookServer::GetCarryingInfo(VARIANT* list) {
 
 // CarryingInfoBook(db, carried, value) sets what GetCarryingInfo reports for a book.
 int32_t BookServer::CarryingInfoBook(BSTR dbName, int32_t first, int32_t second) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   const std::string db = text(dbName);
   if (!database(db, &status)) return status;
@@ -340,6 +359,7 @@ int32_t BookServer::CarryingInfoBook(BSTR dbName, int32_t first, int32_t second)
 
 // CarryingSetup(name, value) keeps a carrying setting of the server by name.
 int32_t BookServer::CarryingSetup(BSTR first, BSTR second) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   auto own = core_->own();
   std::string error;
   if (!own || !own->setMeta("carrying-setup:" + text(first), Value::ofText(text(second)), error)) {
@@ -349,6 +369,7 @@ int32_t BookServer::CarryingSetup(BSTR first, BSTR second) {
 }
 
 int32_t BookServer::RepricatOut(BSTR dbName, BSTR* fileName) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string db = text(dbName);
   int32_t status = kOk;
   if (!database(db, &status)) return status;
@@ -364,6 +385,7 @@ int32_t BookServer::RepricatOut(BSTR dbName, BSTR* fileName) {
 }
 
 int32_t BookServer::RepricatIn(BSTR dbName) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string db = text(dbName);
   if (!isClientDatabaseName(db))
     return fail(kBadArgument, "データベース名「" + db + "」は使えません");
@@ -385,6 +407,7 @@ int32_t BookServer::RepricatIn(BSTR dbName) {
 // DBBackUpBase: a consistent copy of every database into backup/<date and time>/. The three
 // values are not used.
 int32_t BookServer::DBBackUpBase(int32_t, int32_t, int32_t) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string folder = core_->folder() + "/backup/" + stamp() + "-" + std::to_string(id_);
   std::error_code ec;
   stdfs::create_directories(folder, ec);
@@ -401,6 +424,7 @@ int32_t BookServer::DBBackUpBase(int32_t, int32_t, int32_t) {
 // --- templates ---------------------------------------------------------------------------------
 
 int32_t BookServer::GetOrgBookDBInfo(VARIANT* first, VARIANT* second, VARIANT* third) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   std::vector<std::string> infos, names;
   std::vector<int32_t> versions;
   for (const TemplateInfo& t : core_->templates()) {
@@ -415,6 +439,7 @@ int32_t BookServer::GetOrgBookDBInfo(VARIANT* first, VARIANT* second, VARIANT* t
 }
 
 int32_t BookServer::CreateBookDatabase(BSTR templateName, BSTR /*option*/, BSTR newDbName) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string name = text(templateName);
   const std::string db = text(newDbName);
   if (!isClientDatabaseName(db))
@@ -432,6 +457,7 @@ int32_t BookServer::CreateBookDatabase(BSTR templateName, BSTR /*option*/, BSTR 
 
 // AddOrgBookDB(name, description, source database or empty for an empty book, version).
 int32_t BookServer::AddOrgBookDB(BSTR a, BSTR b, BSTR c, int32_t d) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string source = text(c);
   if (!source.empty()) {
     int32_t status = kOk;
@@ -448,6 +474,7 @@ int32_t BookServer::AddOrgBookDB(BSTR a, BSTR b, BSTR c, int32_t d) {
 
 // DeleteOrgBookDB(position in the list).
 int32_t BookServer::DeleteOrgBookDB(int32_t a) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   std::string error;
   if (a < 0 || !core_->deleteTemplate(static_cast<std::size_t>(a), error)) {
     return fail(kNoTemplate, "雛形 " + std::to_string(a) + " を削除できません: " + error);
@@ -457,6 +484,7 @@ int32_t BookServer::DeleteOrgBookDB(int32_t a) {
 
 // RenameOrgBookDB(position, version): gives the template a new version number.
 int32_t BookServer::RenameOrgBookDB(int32_t a, int32_t b) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   std::string error;
   if (a < 0 || !core_->setTemplateVersion(static_cast<std::size_t>(a), b, error)) {
     return fail(kNoTemplate, "雛形 " + std::to_string(a) + " を変更できません: " + error);
@@ -468,6 +496,7 @@ int32_t BookServer::RenameOrgBookDB(int32_t a, int32_t b) {
 
 // Free space of the data folder in megabytes.
 int32_t BookServer::GetServerFreeSpace(int32_t* freeSpace) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   struct statvfs s {};
   if (freeSpace == nullptr || ::statvfs(core_->folder().c_str(), &s) != 0) {
     return fail(kFileFailed, "空き容量を調べられません");
@@ -478,6 +507,7 @@ int32_t BookServer::GetServerFreeSpace(int32_t* freeSpace) {
 }
 
 int32_t BookServer::GetServerInfo(BSTR* info) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   putText(info, "BookServer " + std::to_string(kVersion[0]) + "." + std::to_string(kVersion[1]) +
                     " (" + core_->engine().describe() + ") " + core_->folder());
   return kOk;
@@ -486,6 +516,7 @@ int32_t BookServer::GetServerInfo(BSTR* info) {
 // GetOption kind 0: a = the server's major version, b = its minor version; kind 0x63: a = the
 // sessions connected now. The text names the server.
 int32_t BookServer::GetOption(int32_t kind, BSTR* textOut, int32_t* a, int32_t* b) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (a == nullptr || b == nullptr) return fail(kBadArgument, "引数が正しくありません");
   if (kind == 0) {
     *a = kVersion[0];
@@ -499,7 +530,10 @@ int32_t BookServer::GetOption(int32_t kind, BSTR* textOut, int32_t* a, int32_t* 
   return kOk;
 }
 
-int32_t BookServer::ConnectCheck() { return kOk; }
+int32_t BookServer::ConnectCheck() {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
+  return kOk;
+}
 
 int32_t BookServer::GetLastError(BSTR* message) {
   putText(message, lastError_);
@@ -508,6 +542,7 @@ int32_t BookServer::GetLastError(BSTR* message) {
 
 // GetDatabaseSize in kilobytes, GetDatabaseSize2 in bytes.
 int32_t BookServer::GetDatabaseSize(BSTR dbName, int32_t* size) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto db = database(text(dbName), &status);
   if (!db) return status;
@@ -516,6 +551,7 @@ int32_t BookServer::GetDatabaseSize(BSTR dbName, int32_t* size) {
 }
 
 int32_t BookServer::GetDatabaseSize2(BSTR dbName, int64_t* size) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto db = database(text(dbName), &status);
   if (!db) return status;
@@ -525,15 +561,20 @@ int32_t BookServer::GetDatabaseSize2(BSTR dbName, int64_t* size) {
 
 // 0 when the server can write into the folder, 1 when it cannot.
 int32_t BookServer::CheckRecordableFolder(BSTR folder) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string path = text(folder);
   return !path.empty() && ::access(path.c_str(), W_OK | X_OK) == 0 ? 0 : 1;
 }
 
 // 1: SQLite.
-int32_t BookServer::CheckSQLServerType() { return 1; }
+int32_t BookServer::CheckSQLServerType() {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
+  return 1;
+}
 
 // a: databases held, b: free megabytes, c: sessions connected, d: 0.
 int32_t BookServer::GetServerInfo2(int32_t* a, int32_t* b, int32_t* c, int32_t* d) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (!a || !b || !c || !d) return fail(kBadArgument, "引数が正しくありません");
   *a = static_cast<int32_t>(core_->engine().list().size());
   if (GetServerFreeSpace(b) != kOk) *b = 0;
@@ -544,6 +585,7 @@ int32_t BookServer::GetServerInfo2(int32_t* a, int32_t* b, int32_t* c, int32_t* 
 
 // The kernel's release, major and minor.
 int32_t BookServer::GetOSVersion(int32_t* first, int32_t* second) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   struct utsname u {};
   if (!first || !second || ::uname(&u) != 0) return fail(kBadArgument, "引数が正しくありません");
   char* end = nullptr;
@@ -554,12 +596,14 @@ int32_t BookServer::GetOSVersion(int32_t* first, int32_t* second) {
 
 // 2: Linux.
 int32_t BookServer::CheckOSType(int32_t* type) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (type == nullptr) return fail(kBadArgument, "引数が正しくありません");
   *type = 2;
   return kOk;
 }
 
 int32_t BookServer::GetServerModuleVersion(int32_t* v1, int32_t* v2, int32_t* v3, int32_t* v4) {
+  if (const int32_t pending = settle(); pending != kOk) return pending;
   if (!v1 || !v2 || !v3 || !v4) return fail(kBadArgument, "引数が正しくありません");
   *v1 = kVersion[0];
   *v2 = kVersion[1];

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstdio>
 #include <filesystem>
+#include <set>
 
 namespace mv::server {
 
@@ -134,6 +135,8 @@ class Statement {
   int rc_ = SQLITE_ERROR;
 };
 
+class SqliteBlobReader;
+
 class SqliteDatabase final : public Database, public std::enable_shared_from_this<SqliteDatabase> {
  public:
   SqliteDatabase(sqlite3* db) : db_(db) {}
@@ -141,6 +144,11 @@ class SqliteDatabase final : public Database, public std::enable_shared_from_thi
 
   sqlite3* handle() { return db_; }
   std::mutex& mutex() { return mutex_; }
+  // Blobs open for reading; with the mutex held.
+  std::set<SqliteBlobReader*>& readers() { return readers_; }
+  // Ends every open read (their next piece fails), with the mutex held: an open blob keeps a
+  // statement active, and the content cannot be replaced under it.
+  void endReaders();
 
   bool query(const std::string& sql, Snapshot& out, std::string& error) override {
     std::lock_guard lock(mutex_);
@@ -457,25 +465,35 @@ class SqliteDatabase final : public Database, public std::enable_shared_from_thi
 
   sqlite3* db_;
   std::mutex mutex_;
+  std::set<SqliteBlobReader*> readers_;
 };
 
 class SqliteBlobReader final : public BlobReader {
  public:
+  // Registered with its database (whose mutex the caller holds), so that replacing the
+  // database's content can end it first.
   SqliteBlobReader(std::shared_ptr<SqliteDatabase> db, sqlite3_blob* blob)
-      : db_(std::move(db)), blob_(blob), size_(blob ? sqlite3_blob_bytes(blob) : 0) {}
+      : db_(std::move(db)), blob_(blob), size_(blob ? sqlite3_blob_bytes(blob) : 0) {
+    db_->readers().insert(this);
+  }
   ~SqliteBlobReader() override {
     std::lock_guard lock(db_->mutex());
+    db_->readers().erase(this);
     sqlite3_blob_close(blob_);
   }
   int64_t size() const override { return size_; }
   bool read(int64_t offset, std::size_t max, std::vector<uint8_t>& out,
             std::string& error) override {
     out.clear();
+    std::lock_guard lock(db_->mutex());
+    if (ended_) {
+      error = "the database was replaced while it was read";
+      return false;
+    }
     if (blob_ == nullptr || offset >= size_) return true;
     const auto n =
         static_cast<std::size_t>(std::min<int64_t>(size_ - offset, static_cast<int64_t>(max)));
     out.resize(n);
-    std::lock_guard lock(db_->mutex());
     const int rc =
         sqlite3_blob_read(blob_, out.data(), static_cast<int>(n), static_cast<int>(offset));
     if (rc != SQLITE_OK) {
@@ -485,12 +503,23 @@ class SqliteBlobReader final : public BlobReader {
     }
     return true;
   }
+  // With the database's mutex held.
+  void end() {
+    sqlite3_blob_close(blob_);
+    blob_ = nullptr;
+    ended_ = true;
+  }
 
  private:
   std::shared_ptr<SqliteDatabase> db_;
   sqlite3_blob* blob_;
   int64_t size_;
+  bool ended_ = false;
 };
+
+void SqliteDatabase::endReaders() {
+  for (SqliteBlobReader* r : readers_) r->end();
+}
 
 std::unique_ptr<BlobReader> SqliteDatabase::openBlob(std::string_view table,
                                                      std::string_view column, int64_t key,
@@ -632,6 +661,7 @@ bool SqliteEngine::importFile(std::string_view name, const std::string& path, st
     ok = target != nullptr;
     if (ok) {
       std::lock_guard lock(target->mutex());
+      target->endReaders();
       ok = backup(source, target->handle(), error);
     }
   }

@@ -25,6 +25,10 @@ class BlobsTest : public ServerTest {
     ASSERT_EQ(images.status, 0);
     reader = connect();
   }
+  void TearDown() override {
+    reader.reset();
+    ServerTest::TearDown();
+  }
 
   int32_t newRow() { return addRow(*s, kBook, kImages, {field("TagID", 1, "1")}); }
   // What another session reads: only what has been stored counts.
@@ -46,9 +50,9 @@ class BlobsTest : public ServerTest {
 };
 
 TEST_F(BlobsTest, SizesAroundTheBlockSizeRoundTrip) {
-  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{307199},
-                                 std::size_t{307200}, std::size_t{307201},
-                                 std::size_t{5000000 + 17}}) {
+  for (const std::size_t size :
+       {std::size_t{0}, std::size_t{1}, std::size_t{307199}, std::size_t{307200},
+        std::size_t{307201}, std::size_t{5000000 + 17}}) {
     SCOPED_TRACE(size);
     const int32_t key = newRow();
     const auto data = pattern(size, static_cast<uint32_t>(size));
@@ -66,8 +70,8 @@ TEST_F(BlobsTest, SizesAroundTheBlockSizeRoundTrip) {
   ASSERT_EQ(send(key, shorter, Ending::LastFlag), 0);
   EXPECT_TRUE(sameBytes(stored(key), shorter));
   std::vector<uint8_t> own;
-  const Opened again = executeQuery(*s, kBook, "SELECT * FROM ImageDataTBL WHERE T_Index = " +
-                                                   std::to_string(key));
+  const Opened again =
+      executeQuery(*s, kBook, "SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(key));
   ASSERT_EQ(download(*s, kBook, again.handle, kData, 0, own), 0);
   EXPECT_TRUE(sameBytes(own, shorter));
 }
@@ -97,6 +101,11 @@ TEST_F(BlobsTest, AnyNextCallStoresAPendingSeries) {
        }},
       {"CheckTBL", [&] { EXPECT_EQ(s->CheckTBL(In(kBook), In(kImages)), 10); }},
       {"SetMutex", [&] { EXPECT_EQ(s->SetMutex(In("image"), 1), 0); }},
+      {"RepricatOut",
+       [&] {
+         mv::Bstr file;
+         EXPECT_EQ(s->RepricatOut(In(kBook), file.out()), 0);
+       }},
   };
   // The snapshot the GetRecords call reads needs a row.
   newRow();
@@ -111,10 +120,37 @@ TEST_F(BlobsTest, AnyNextCallStoresAPendingSeries) {
   }
 }
 
+TEST_F(BlobsTest, AnUnfinishedDownloadHoldsNothingUp) {
+  const int32_t key = newRow();
+  ASSERT_EQ(send(key, pattern(2 * kBlockSize, 31), Ending::LastFlag), 0);
+  const Opened row =
+      executeQuery(*s, kBook, "SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(key));
+  // A reader may stop once it has what it needs, here after the first block.
+  mv::Variant block;
+  int32_t isEnd = 1;
+  int32_t count = 0;
+  ASSERT_EQ(s->DownLoadData(In(kBook), In(row.handle), In(kData), 0, 1, kBlockSize, block.get(),
+                            &isEnd, &count),
+            0);
+  EXPECT_EQ(isEnd, 0);
+
+  mv::Bstr file;
+  ASSERT_EQ(reader->RepricatOut(In(kBook), file.out()), 0) << lastError(*reader);
+  EXPECT_EQ(reader->RepricatIn(In(kBook)), 0) << lastError(*reader);
+  const Opened theirs = openTable(*reader, kBook, kImages);
+  const auto replaced = pattern(kBlockSize + 5, 32);
+  ASSERT_EQ(upload(*reader, kBook, theirs.handle, key, kData, replaced, Ending::LastFlag), 0);
+
+  // Starting again from block 1 is a new read, of the bytes stored now.
+  std::vector<uint8_t> data;
+  EXPECT_EQ(download(*s, kBook, row.handle, kData, 0, data), 0) << lastError(*s);
+  EXPECT_TRUE(sameBytes(data, replaced));
+}
+
 TEST_F(BlobsTest, AnEmptyColumnGivesNoArray) {
   const int32_t key = newRow();
-  const Opened row = executeQuery(*s, kBook, "SELECT * FROM ImageDataTBL WHERE T_Index = " +
-                                                 std::to_string(key));
+  const Opened row =
+      executeQuery(*s, kBook, "SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(key));
   for (const char* column : {kData, "Reserve"}) {
     mv::Variant block;
     int32_t isEnd = 0;

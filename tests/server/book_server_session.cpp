@@ -144,8 +144,8 @@ int32_t closeTable(mv::IBookServer& server, std::string_view db, std::string_vie
   return server.CloseTable(In(db), In(handle));
 }
 
-int32_t getRow(mv::IBookServer& server, std::string_view db, std::string_view handle,
-               int32_t row, std::vector<std::string>& elements) {
+int32_t getRow(mv::IBookServer& server, std::string_view db, std::string_view handle, int32_t row,
+               std::vector<std::string>& elements) {
   mv::Variant value;
   const int32_t status = server.GetRecords(In(db), In(handle), row, value.get());
   elements = status == 0 ? texts(*value.get()) : std::vector<std::string>{};
@@ -168,7 +168,9 @@ std::vector<Row> select(mv::IBookServer& server, std::string_view db, std::strin
     }
     rows.push_back(std::move(row));
   }
-  if (q.status == 0) EXPECT_EQ(closeTable(server, db, q.handle), 0);
+  if (q.status == 0) {
+    EXPECT_EQ(closeTable(server, db, q.handle), 0);
+  }
   return rows;
 }
 
@@ -271,8 +273,8 @@ std::vector<uint8_t> storedBlob(mv::IBookServer& server, std::string_view db,
 
 void ServerTest::SetUp() {
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  folder_ = ::testing::TempDir() + "mvcore-server-" + info->test_suite_name() + "." +
-            info->name() + "-" + std::to_string(::getpid());
+  folder_ = ::testing::TempDir() + "mvcore-server-" + info->test_suite_name() + "." + info->name() +
+            "-" + std::to_string(::getpid());
   std::filesystem::remove_all(folder_);
   std::string error;
   core = mv::server::ServerCore::open(folder_, {}, error);

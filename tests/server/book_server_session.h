@@ -91,8 +91,8 @@ Opened openTableEx(mv::IBookServer& server, std::string_view db, std::string_vie
 int32_t closeTable(mv::IBookServer& server, std::string_view db, std::string_view handle);
 
 // The elements of one row of a handle; the status of GetRecords.
-int32_t getRow(mv::IBookServer& server, std::string_view db, std::string_view handle,
-               int32_t row, std::vector<std::string>& elements);
+int32_t getRow(mv::IBookServer& server, std::string_view db, std::string_view handle, int32_t row,
+               std::vector<std::string>& elements);
 
 // Every row of a query, as column name to value text; a test failure when it does not run.
 using Row = std::map<std::string, std::string>;

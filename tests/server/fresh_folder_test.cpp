@@ -21,8 +21,7 @@ TEST_F(FreshFolderTest, CommonDatabasesExistAndNothingElse) {
   EXPECT_EQ(s->OpenDatabase(In("NoSuchDB"), mv::kOpenTestExists, &out), mv::kStatusMissingDatabase);
   EXPECT_EQ(s->OpenDatabase(In(kBook), mv::kOpenTestExists, &out), mv::kStatusMissingDatabase);
   // The server's own bookkeeping and the templates are not databases a client can name.
-  EXPECT_EQ(s->OpenDatabase(In("_server"), mv::kOpenTestExists, &out),
-            mv::kStatusMissingDatabase);
+  EXPECT_EQ(s->OpenDatabase(In("_server"), mv::kOpenTestExists, &out), mv::kStatusMissingDatabase);
   EXPECT_EQ(s->OpenDatabase(In("_template_1"), mv::kOpenTestExists, &out),
             mv::kStatusMissingDatabase);
 }
@@ -47,15 +46,16 @@ TEST_F(FreshFolderTest, ShelfOrderArrivesWithAlterTable) {
             mv::kStatusColumnExists);
   EXPECT_NE(executeQuery(*s, kSystemDb, "SELECT * FROM BookShelfTBL ORDER BY OrderNo").status, 0);
 
-  ASSERT_EQ(s->ExecuteSQL(In(kSystemDb),
-                          In("ALTER TABLE BookShelfTBL ADD OrderNo int DEFAULT 2147483647 NOT NULL;")),
-            0)
+  ASSERT_EQ(
+      s->ExecuteSQL(In(kSystemDb),
+                    In("ALTER TABLE BookShelfTBL ADD OrderNo int DEFAULT 2147483647 NOT NULL;")),
+      0)
       << lastError(*s);
   EXPECT_EQ(s->CheckColumn(In(kSystemDb), In("BookShelfTBL"), In("OrderNo")),
             mv::kStatusColumnExists);
-  EXPECT_THAT(column(select(*s, kSystemDb, "SELECT * FROM BookShelfTBL ORDER BY OrderNo"),
-                     "OrderNo"),
-              ElementsAre("2147483647"));
+  EXPECT_THAT(
+      column(select(*s, kSystemDb, "SELECT * FROM BookShelfTBL ORDER BY OrderNo"), "OrderNo"),
+      ElementsAre("2147483647"));
   const Opened shelves = openTable(*s, kSystemDb, "BookShelfTBL");
   std::vector<std::string> row;
   ASSERT_EQ(getRow(*s, kSystemDb, shelves.handle, 0, row), 0);

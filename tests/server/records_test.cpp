@@ -25,8 +25,7 @@ class RecordsTest : public ServerTest {
                   "SELECT * FROM UserInfoTBL WHERE T_Index = " + std::to_string(key));
   }
   std::vector<std::string> userNames() {
-    return column(select(*s, kSystemDb, "SELECT * FROM UserInfoTBL ORDER BY T_Index"),
-                  "UserName");
+    return column(select(*s, kSystemDb, "SELECT * FROM UserInfoTBL ORDER BY T_Index"), "UserName");
   }
 };
 
@@ -81,8 +80,7 @@ TEST_F(RecordsTest, ElementsWithoutAKeyAreSkippedAndUnknownColumnsRefused) {
             0);
   EXPECT_THAT(lastError(*s), testing::Not(IsEmpty()));
   EXPECT_NE(addRecord(*s, kSystemDb, "H999.999", {field("UserName", 2, "erin")}, &key), 0);
-  EXPECT_NE(addRecord(*s, "MarvekCommonDB", users.handle, {field("UserName", 2, "fred")}, &key),
-            0);
+  EXPECT_NE(addRecord(*s, "MarvekCommonDB", users.handle, {field("UserName", 2, "fred")}, &key), 0);
   EXPECT_THAT(userNames(), ElementsAre("admin", "carol"));
 }
 
@@ -143,8 +141,7 @@ TEST_F(RecordsTest, DeleteRecordsRemovesTheRowsOfTheSnapshot) {
   EXPECT_EQ(s->DeleteRecords(In(kSystemDb), In(all.handle), 0, -1), 0);
   EXPECT_THAT(userNames(), ElementsAre("admin", "a", "b", "c", "d"));
 
-  EXPECT_EQ(s->DeleteRecords(In(kSystemDb), In(ones.handle), 0, ones.rows - 1), 0)
-      << lastError(*s);
+  EXPECT_EQ(s->DeleteRecords(In(kSystemDb), In(ones.handle), 0, ones.rows - 1), 0) << lastError(*s);
   EXPECT_THAT(userNames(), ElementsAre("admin", "c", "d"));
 
   const Opened none = openTableEx(*s, kSystemDb, "UserInfoTBL",

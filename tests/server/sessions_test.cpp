@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "book_server_session.h"
 #include "server/core/status.h"
 
@@ -64,6 +67,31 @@ TEST_F(SessionsTest, EndingASessionReleasesItsMutexes) {
   EXPECT_EQ(s->SetMutex(In("book"), 1), kMutexFree);
 }
 
+TEST_F(SessionsTest, SessionsOnSeveralThreadsExcludeEachOtherAndCountExactly) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 50;
+  std::atomic<int> inside{0};
+  std::atomic<int> overlaps{0};
+  std::vector<Session> sessions;
+  for (int i = 0; i < kThreads; ++i) sessions.push_back(connect());
+  std::vector<std::thread> threads;
+  for (Session& session : sessions) {
+    threads.emplace_back([&, server = session.get()] {
+      for (int round = 0; round < kRounds; ++round) {
+        while (server->SetMutex(In("shared"), 1) != kMutexFree) std::this_thread::yield();
+        if (inside.fetch_add(1) != 0) ++overlaps;
+        int32_t value = 0;
+        server->SetCounter(In("rounds"), 1, &value);
+        inside.fetch_sub(1);
+        server->SetMutex(In("shared"), 2);
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(overlaps.load(), 0);
+  EXPECT_EQ(counter(*s, "rounds", 0), kThreads * kRounds);
+}
+
 TEST_F(SessionsTest, LogonsAreListedUntilTheirSessionEnds) {
   Session b = connect();
   EXPECT_EQ(s->LoginMgr(In("admin"), In("PC-1"), In("admin"), 1), 0) << lastError(*s);
@@ -87,20 +115,20 @@ TEST_F(SessionsTest, LogonsAreListedUntilTheirSessionEnds) {
 
 TEST_F(SessionsTest, SetUserAdminAnswersAndChangesTheRole) {
   EXPECT_EQ(s->SetUserAdmin(In("admin"), In("admin"), 0), kUserIsAdmin);
-  const int32_t key = addRow(*s, kSystemDb, "UserInfoTBL",
-                             {field("UserName", 2, "worker"), field("Password", 2, "pw"),
-                              field("UserAttribute", 1, "1")});
+  const int32_t key = addRow(
+      *s, kSystemDb, "UserInfoTBL",
+      {field("UserName", 2, "worker"), field("Password", 2, "pw"), field("UserAttribute", 1, "1")});
   EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 0), kUserIsNotAdmin);
   EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 1), kUserIsAdmin);
   EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 0), kUserIsAdmin);
   EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 2), kUserIsNotAdmin);
   EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 0), kUserIsNotAdmin);
-  const auto rows = select(*s, kSystemDb,
-                           "SELECT * FROM UserInfoTBL WHERE T_Index = " + std::to_string(key));
+  const auto rows =
+      select(*s, kSystemDb, "SELECT * FROM UserInfoTBL WHERE T_Index = " + std::to_string(key));
   EXPECT_THAT(column(rows, "UserAttribute"), ElementsAre("1"));
 
-  for (const int32_t status : {s->SetUserAdmin(In("worker"), In("wrong"), 0),
-                               s->SetUserAdmin(In("nobody"), In(""), 0)}) {
+  for (const int32_t status :
+       {s->SetUserAdmin(In("worker"), In("wrong"), 0), s->SetUserAdmin(In("nobody"), In(""), 0)}) {
     EXPECT_NE(status, 0);
     EXPECT_NE(status, kUserIsAdmin);
     EXPECT_NE(status, kUserIsNotAdmin);

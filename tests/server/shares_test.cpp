@@ -88,9 +88,8 @@ TEST_F(SharesTest, ACarriedOutBookCarriesInUnderANewName) {
     int32_t isEnd = 0;
     int32_t value = 0;
     mv::Bstr fileName;
-    ASSERT_EQ(s->CarryingOut(In(kBook), blockNo, kPiece, block.get(), &isEnd, fileName.out(),
-                             &value),
-              0)
+    ASSERT_EQ(
+        s->CarryingOut(In(kBook), blockNo, kPiece, block.get(), &isEnd, fileName.out(), &value), 0)
         << lastError(*s);
     if (blockNo == 1) name = utf8(fileName);
     if (block.get()->vt != MV_VT_EMPTY) pieces.push_back(bytes(*block.get()));
@@ -111,9 +110,13 @@ TEST_F(SharesTest, ACarriedOutBookCarriesInUnderANewName) {
   EXPECT_EQ(s->OpenDatabase(In(kOther), mv::kOpenTestExists, &out), 0);
   expectSameBook(kOther);
 
-  // Blocks that do not start a carry are refused.
+  // Blocks that do not start a carry, and bytes that are no database, make nothing.
   ByteBlock stray(pieces[0].data(), pieces[0].size(), kPiece);
   EXPECT_NE(s->Carryingin(In("BOOK1123000003"), 0, kPiece, stray.get(), 1), 0);
+  const auto garbage = pattern(kPiece, 99);
+  ByteBlock junk(garbage.data(), garbage.size(), kPiece);
+  EXPECT_NE(s->Carryingin(In("BOOK1123000003"), 1, kPiece, junk.get(), 1), 0);
+  EXPECT_THAT(lastError(*s), Not(IsEmpty()));
   EXPECT_EQ(s->OpenDatabase(In("BOOK1123000003"), mv::kOpenTestExists, &out),
             mv::kStatusMissingDatabase);
 }

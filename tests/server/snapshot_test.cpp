@@ -32,8 +32,8 @@ TEST_F(SnapshotTest, EveryWayOfOpeningGivesAHandleAndTheRowCount) {
       executeQuery(*s, kSystemDb, "SELECT * FROM UserInfoTBL WHERE UserAttribute = 1");
   EXPECT_EQ(query.status, 0);
   EXPECT_EQ(query.rows, 2);
-  const Opened ex = openTableEx(*s, kSystemDb, "UserInfoTBL",
-                                "SELECT * FROM UserInfoTBL WHERE UserName = 'u2'");
+  const Opened ex =
+      openTableEx(*s, kSystemDb, "UserInfoTBL", "SELECT * FROM UserInfoTBL WHERE UserName = 'u2'");
   EXPECT_EQ(ex.status, 0);
   EXPECT_EQ(ex.rows, 1);
   const Opened none =
@@ -56,9 +56,8 @@ TEST_F(SnapshotTest, RowsAreTaggedTextsInColumnOrderWithoutBlobs) {
   mv::Variant row;
   ASSERT_EQ(s->GetRecords(In(kSystemDb), In(users.handle), 0, row.get()), 0);
   EXPECT_EQ(row.get()->vt, MV_VT_ARRAY | MV_VT_VARIANT);
-  EXPECT_THAT(texts(*row.get()),
-              ElementsAre("KEY=T_Index\t1\t1", "KEY=UserName\t2\tadmin", "KEY=Password\t2\tadmin",
-                          "KEY=UserAttribute\t1\t0"));
+  EXPECT_THAT(texts(*row.get()), ElementsAre("KEY=T_Index\t1\t1", "KEY=UserName\t2\tadmin",
+                                             "KEY=Password\t2\tadmin", "KEY=UserAttribute\t1\t0"));
 
   // A projection keeps the order the statement asks for.
   std::vector<std::string> projected;

@@ -27,13 +27,13 @@ class SqlPolicyTest : public ServerTest {
   }
 
   std::vector<std::string> names(const std::string& condition) {
-    return column(select(*s, kSystemDb,
-                         "SELECT * FROM UserInfoTBL WHERE " + condition + " ORDER BY T_Index"),
-                  "UserName");
+    return column(
+        select(*s, kSystemDb, "SELECT * FROM UserInfoTBL WHERE " + condition + " ORDER BY T_Index"),
+        "UserName");
   }
   std::string password(int key) {
-    const auto rows = select(*s, kSystemDb,
-                             "SELECT * FROM UserInfoTBL WHERE T_Index = " + std::to_string(key));
+    const auto rows =
+        select(*s, kSystemDb, "SELECT * FROM UserInfoTBL WHERE T_Index = " + std::to_string(key));
     return rows.size() == 1 ? rows[0].at("Password") : "<no row>";
   }
 };
@@ -50,10 +50,10 @@ TEST_F(SqlPolicyTest, TheClientDialectWorksOnRealRows) {
   EXPECT_THAT(names("UserName LIKE 'adm%'"), ElementsAre("admin", "ADMIN"));
   EXPECT_THAT(names("UserAttribute = '5'"), ElementsAre("bob"));
   EXPECT_THAT(names("T_Index = '1'"), ElementsAre("admin"));
-  EXPECT_THAT(column(select(*s, kSystemDb,
-                            "SELECT * FROM UserInfoTBL WHERE T_index = 3 ORDER BY t_INDEX"),
-                     "UserName"),
-              ElementsAre("bob"));
+  EXPECT_THAT(
+      column(select(*s, kSystemDb, "SELECT * FROM UserInfoTBL WHERE T_index = 3 ORDER BY t_INDEX"),
+             "UserName"),
+      ElementsAre("bob"));
 
   EXPECT_EQ(s->ExecuteSQL(In(kSystemDb), In("UPDATE UserInfoTBL WITH (NOLOCK) SET Password = "
                                             "'p2' WHERE T_index = '3'")),
@@ -66,14 +66,13 @@ TEST_F(SqlPolicyTest, TheClientDialectWorksOnRealRows) {
 }
 
 TEST_F(SqlPolicyTest, ReadsReachingPastOneTableAreRefused) {
-  for (const char* sql : {"DROP TABLE UserInfoTBL", "ATTACH DATABASE 'x.sqlite' AS x",
-                          "PRAGMA table_info(UserInfoTBL)",
-                          "SELECT * FROM UserInfoTBL; DELETE FROM UserInfoTBL",
-                          "SELECT * FROM UserInfoTBL; SELECT * FROM _mv_meta",
-                          "SELECT * FROM _mv_meta", "SELECT * FROM \"_mv_meta\"",
-                          "SELECT * FROM sqlite_schema", "SELECT * FROM sqlite_master",
-                          "SELECT * FROM UserInfoTBL WHERE T_Index IN (SELECT name FROM _mv_meta)",
-                          "DELETE FROM UserInfoTBL"}) {
+  for (const char* sql :
+       {"DROP TABLE UserInfoTBL", "ATTACH DATABASE 'x.sqlite' AS x",
+        "PRAGMA table_info(UserInfoTBL)", "SELECT * FROM UserInfoTBL; DELETE FROM UserInfoTBL",
+        "SELECT * FROM UserInfoTBL; SELECT * FROM _mv_meta", "SELECT * FROM _mv_meta",
+        "SELECT * FROM \"_mv_meta\"", "SELECT * FROM sqlite_schema", "SELECT * FROM sqlite_master",
+        "SELECT * FROM UserInfoTBL WHERE T_Index IN (SELECT name FROM _mv_meta)",
+        "DELETE FROM UserInfoTBL"}) {
     Session fresh = connect();
     EXPECT_NE(executeQuery(*fresh, kSystemDb, sql).status, 0) << sql;
     EXPECT_THAT(lastError(*fresh), Not(IsEmpty())) << sql;
@@ -95,9 +94,9 @@ TEST_F(SqlPolicyTest, ChangesReachingPastOneTableAreRefused) {
        {"DROP TABLE UserInfoTBL", "ATTACH DATABASE 'x.sqlite' AS x", "PRAGMA journal_mode=DELETE",
         "UPDATE UserInfoTBL SET Password = 'x'; DROP TABLE UserInfoTBL",
         "UPDATE UserInfoTBL SET Password = 'x'; UPDATE _mv_meta SET value = 77",
-        "UPDATE _mv_meta SET value = 77", "DELETE FROM _mv_meta", "UPDATE \"_mv_meta\" SET value = 77",
-        "UPDATE sqlite_schema SET sql = ''", "SELECT * FROM UserInfoTBL",
-        "INSERT INTO UserInfoTBL (UserName) VALUES ('x')",
+        "UPDATE _mv_meta SET value = 77", "DELETE FROM _mv_meta",
+        "UPDATE \"_mv_meta\" SET value = 77", "UPDATE sqlite_schema SET sql = ''",
+        "SELECT * FROM UserInfoTBL", "INSERT INTO UserInfoTBL (UserName) VALUES ('x')",
         "BEGIN TRAN T1;UPDATE UserInfoTBL SET Password = 'x' WHERE T_Index = 1;"
         "UPDATE _mv_meta SET value = 77;COMMIT TRAN T1;",
         "BEGIN TRAN T1;UPDATE UserInfoTBL SET Password = 'x' WHERE T_Index = 1;"
@@ -148,8 +147,7 @@ TEST_F(SqlPolicyTest, OrderingByAMissingColumnFails) {
   EXPECT_NE(executeQuery(*s, kSystemDb, sql).status, 0);
   EXPECT_THAT(lastError(*s), Not(IsEmpty()));
   EXPECT_NE(openTableEx(*s, kSystemDb, "BookShelfTBL", sql).status, 0);
-  EXPECT_EQ(executeQuery(*s, kSystemDb, "SELECT * FROM BookShelfTBL ORDER BY Attribute").status,
-            0);
+  EXPECT_EQ(executeQuery(*s, kSystemDb, "SELECT * FROM BookShelfTBL ORDER BY Attribute").status, 0);
 }
 
 }  // namespace

@@ -34,8 +34,7 @@ TEST_F(TemplatesTest, AddedTemplatesAreListedAndMakeBooks) {
   addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "雛形の頁")});
 
   ASSERT_EQ(s->AddOrgBookDB(In("空"), In("空のブック"), In(""), 5), 0) << lastError(*s);
-  ASSERT_EQ(s->AddOrgBookDB(In("写し"), In("既存のブックから"), In(kBook), 6), 0)
-      << lastError(*s);
+  ASSERT_EQ(s->AddOrgBookDB(In("写し"), In("既存のブックから"), In(kBook), 6), 0) << lastError(*s);
   const Templates t = list();
   EXPECT_THAT(t.names, ElementsAre("標準", "空", "写し"));
   EXPECT_THAT(t.versions, ElementsAre(4, 5, 6));
