@@ -278,7 +278,14 @@ typedef struct ViewDataRecord {
  * Connection and errors.
  *
  * MVInit("") makes the link to the server in this process; MVInit("host") to a server on
- * another machine. Every export that touches the server returns -1 while there is no link.
+ * another machine: the daemon bookserverd that the client configuration names "host"
+ * ($MVCORE_CLIENT_CONF, else ~/.config/mvcore/client.conf, else /etc/mvcore/client.conf), or,
+ * without configuration, "127.0.0.1:port", "localhost:port" or "[::1]:port" on this machine
+ * (port 7340 when left out). A failed MVInit leaves in MVGetLastError 0x80040154 (a name that
+ * means nothing), 0x80040150 (configuration or token file unusable), 0x800706BA (daemon
+ * unreachable), 0x80070005 (token refused) or 0x800B0109 (TLS certificate refused). A lost link
+ * is not remade: the call under way fails with 0x800706BE, every later one with 0x800706BA.
+ * Every export that touches the server returns -1 while there is no link.
  * MVExit releases the link and forgets it: after MVExit the exports fail with -1 until the
  * next MVInit (they never reach a released server). A second MVInit over a standing link
  * replaces it without releasing the old one.
@@ -328,6 +335,70 @@ MVAPI int MVOpenTBLEx(int32_t closing, const char* dbName, char* handle);
 MVAPI int MVRecordDelete(const char* dbName, const char* tableName, int32_t tIndex, int32_t phase);
 /* 1 if the table exists, else 0. */
 MVAPI int MVCheckTBL(const char* dbName, const char* tableName);
+
+/* ---------------------------------------------------------------------------------------------
+ * Users and logon.
+ *
+ * Accounts live in the system database: the application holds it with
+ * MVOpenDB("MarvekSystemCommonDB") for the whole run. The logon is decided by the library from
+ * the stored password; the library keeps no logged-on user, the application keeps the id that
+ * MVUserLogon gives. UserAttribute 0 marks the administrator, 1 an ordinary user. Names and
+ * passwords may hold any character, an apostrophe included. Lists are freed by the application
+ * with MVGlobalFree(MVGlobalHandle(p)).
+ * ------------------------------------------------------------------------------------------- */
+
+/* The administrator's name, cut to 16 bytes + 0: give at least 17. With no administrator the
+   result is 0 and `name` is left as it was. */
+MVAPI int MVGetAdmin(char* name);
+/* Demotes the present administrator, then promotes `name`; an unknown name leaves the system
+   without an administrator. */
+MVAPI int MVSetAdmin(const char* name, int32_t ignored);
+/* Promotes `userId`, then demotes the old administrator; 0 without a change if it is already. */
+MVAPI int MVSetAdmin2(int32_t userId);
+/* Adds an ordinary user; a name that exists already shows a message and gives -1. */
+MVAPI int MVRegistUser(const char* name, const char* password, int32_t* userId);
+/* Changes name and password, never UserAttribute. A user who is logged on now (by name) cannot
+   be changed: a message, -1. */
+MVAPI int MVUpdateUser(int32_t userId, const char* name, const char* password);
+/* `found` 1 with the record filled, or 0 for an unknown name (result 0: no failure). */
+MVAPI int MVGetUserInfo(const char* name, UserRec* record, int32_t* found);
+/* Every user in the server's order; no users gives an empty list and a count of 0. */
+MVAPI int MVGetUserList(UserRec** list, int32_t* count);
+/* 0 with a link, -1 without. */
+MVAPI int MVGetAdminLogon(int32_t ignored);
+/* 0 with the user's id when name and password match exactly; an unknown name and a wrong
+   password show the same message and give -1. */
+MVAPI int MVUserLogon(const char* name, const char* password, int32_t ignored, int32_t* userId);
+/* Forwarded to the server. */
+MVAPI int MVLoginMgr(const char* a, const char* b, const char* c, int32_t d);
+/* Forwarded to the server; its answers 3 and 4 set `state` to 1 and 0, an answer of 0 leaves it
+   alone. */
+MVAPI int MVSetUserAdmin(const char* a, const char* b, int32_t c, int32_t* state);
+
+/* ---------------------------------------------------------------------------------------------
+ * Bookshelf permissions.
+ *
+ * Values: 0 read only, 1 read and write (what deleting a book or a shelf requires), 2 neither.
+ * The administrator has 1 on every shelf whatever is stored. A user with no stored value has 2
+ * on the shelf whose id is 1 and 0 on every other. A book has the permissions of its shelf.
+ * ------------------------------------------------------------------------------------------- */
+
+/* -1 with `power` -1 when the server fails. */
+MVAPI int MVGetUserPermissionOfBS(int32_t shelfId, int32_t userId, int32_t* power);
+/* The value on the book's (first) shelf; 0 for a book on no shelf, 1 for the administrator. */
+MVAPI int MVGetUserPermissionOfBook(int32_t bookId, const char* userName, int32_t* power);
+/* Makes `users` the exact set with value 1 on the shelf: the others get the shelf's default.
+   Entries that already had value 1 come back with tIndex -1. */
+MVAPI int MVUpdateUserPermissionOfBS(int32_t shelfId, UserRec* users, int32_t count);
+MVAPI int MVUpdateUserPermissionOfBS2(int32_t shelfId, int32_t userId, int32_t power);
+/* The users whose value on the shelf is `power`, in ascending order of id; on a failure
+   `list` is NULL and `count` 0. */
+MVAPI int MVGetPowerUserListOfBS(int32_t shelfId, int32_t power, UserRec** list, int32_t* count);
+MVAPI int MVGetRWUserOfBS(int32_t shelfId, UserRec** list, int32_t* count); /* value 1 */
+MVAPI int MVGetROUserOfBS(int32_t shelfId, UserRec** list, int32_t* count); /* value 0 */
+/* Deletes the user's permission rows, then the user; neither a logged-on user nor the
+   administrator is refused. */
+MVAPI int MVDeleteUser(int32_t userId);
 
 #ifdef __cplusplus
 }

@@ -5,6 +5,7 @@
 
 #include "frame/exchange.h"
 #include "platform/codepage.h"
+#include "rpc/remote_book_server.h"
 #include "server/core/book_server.h"
 
 namespace mv {
@@ -16,11 +17,11 @@ std::string& dataFolder() {
   return folder;
 }
 
-// No name: the server in this process, on the application's data folder. A host name needs the
-// network client, which this build does not have.
+// No name: the server in this process, on the application's data folder. A name: a daemon on
+// the network, as the client configuration says (rpc/client_config.h).
 int32_t defaultFactory(std::string_view host, IBookServer** server) {
   *server = nullptr;
-  if (!host.empty()) return kStatusClassNotRegistered;
+  if (!host.empty()) return rpc::connectRemote(host, server);
   return server::connectEmbedded(dataFolder(), server);
 }
 

@@ -161,6 +161,28 @@ bool parseRowVariant(const VARIANT& variant, Row& row) {
   return true;
 }
 
+bool textArray(const VARIANT& variant, std::vector<std::string>& texts) {
+  texts.clear();
+  if ((variant.vt & MV_VT_ARRAY) == 0 || variant.parray == nullptr) return false;
+  SAFEARRAY* array = variant.parray;
+  const VARTYPE elementType = safeArrayElementType(array);
+  if (elementType != MV_VT_VARIANT && elementType != MV_VT_BSTR) return false;
+  void* data = nullptr;
+  if (safeArrayAccessData(array, &data) != 0) return false;
+  const uint32_t count = safeArrayCount(array);
+  texts.reserve(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    if (elementType == MV_VT_BSTR) {
+      texts.push_back(toAnsi(static_cast<BSTR*>(data)[i]));
+      continue;
+    }
+    const VARIANT& element = static_cast<const VARIANT*>(data)[i];
+    texts.push_back(element.vt == MV_VT_BSTR ? toAnsi(element.bstrVal) : std::string());
+  }
+  safeArrayUnaccessData(array);
+  return true;
+}
+
 bool fetchRow(IBookServer& server, BSTR dbName, BSTR handle, int32_t rowIndex, Row& row,
               int32_t& status) {
   Variant variant;

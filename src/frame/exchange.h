@@ -117,6 +117,11 @@ bool fetchRow(IBookServer& server, BSTR dbName, BSTR handle, int32_t rowIndex, R
 // Parses the elements of a row variant; false if it is not an array of texts.
 bool parseRowVariant(const VARIANT& variant, Row& row);
 
+// The texts of an array of texts (VT_ARRAY of VT_BSTR, or of variants holding texts), in array
+// order and converted to the code page; an element that is not a text gives an empty string, so
+// positions are kept. False, with `texts` empty, when `variant` is not such an array.
+bool textArray(const VARIANT& variant, std::vector<std::string>& texts);
+
 // Copies the row's columns into `record` by the bindings, matching names exactly; a column the
 // row lacks leaves the record's bytes as they were. Integers go through parseInt.
 void bindRow(const Row& row, std::span<const FieldBinding> bindings, void* record);

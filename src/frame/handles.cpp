@@ -60,6 +60,26 @@ int closeWorkTable(const char* dbName, const std::string& handle, int unlock) {
   return failed(closeUnlessHeld(*server, dbName, db.get())) ? 0 : 1;
 }
 
+void abandonWorkTable(const char* dbName, const std::string& handle, int unlock) {
+  const int32_t kept = connection().lastError;
+  (void)closeWorkTable(dbName, handle, unlock);
+  connection().lastError = kept;
+}
+
+int openWorkDatabase(const char* dbName) {
+  IBookServer* server = connection().currentServer;
+  if (server == nullptr || dbName == nullptr) return 0;
+  if (isHeldSystemDb(dbName)) return 1;
+  int32_t out = 0;
+  return failed(server->OpenDatabase(toWide(dbName).get(), kOpenForWork, &out)) ? 0 : 1;
+}
+
+int closeWorkDatabase(const char* dbName) {
+  IBookServer* server = connection().currentServer;
+  if (server == nullptr || dbName == nullptr) return 0;
+  return failed(closeUnlessHeld(*server, dbName, toWide(dbName).get())) ? 0 : 1;
+}
+
 }  // namespace mv
 
 using mv::connection;

@@ -18,4 +18,14 @@ int openWorkTable(const char* dbName, const char* tableName, int32_t* rowCount,
 // database.
 int closeWorkTable(const char* dbName, const std::string& handle, int unlock);
 
+// closeWorkTable on the way out after a failure: lastError keeps the code it had, the first
+// failure's.
+void abandonWorkTable(const char* dbName, const std::string& handle, int unlock = 0);
+
+// The database half of the pair, for work that opens a result itself: OpenDatabase in mode 0 and
+// CloseDatabase, both skipped for the system database while the application holds it. 1 on
+// success (or when skipped); 0 with the status in lastError.
+int openWorkDatabase(const char* dbName);
+int closeWorkDatabase(const char* dbName);
+
 }  // namespace mv

@@ -35,6 +35,13 @@ bool fillAddRecord(RecordWriter& record, const TableDef& table, KeyElement key,
   return record.ok();
 }
 
+uint32_t recordPosition(const TableDef& table, std::string_view column) {
+  for (std::size_t i = 0; i < table.columns.size(); ++i) {
+    if (column == table.columns[i].name) return static_cast<uint32_t>(i + 1);
+  }
+  return 0;
+}
+
 ColumnValue boundValue(const void* record, std::span<const FieldBinding> bindings,
                        const ColumnDef& column) {
   const auto* base = static_cast<const unsigned char*>(record);

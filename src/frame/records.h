@@ -30,6 +30,11 @@ uint32_t addRecordFields(const TableDef& table, KeyElement key);
 bool fillAddRecord(RecordWriter& record, const TableDef& table, KeyElement key,
                    const ColumnValues& valueOf);
 
+// Position (from 1, after the handle element) of `column` in a record of `table` that has one
+// element per column, the key included: the layout of an update record, whose columns left out
+// stay empty texts. 0 when the table has no such column.
+uint32_t recordPosition(const TableDef& table, std::string_view column);
+
 // The value of `column` in a fixed record described by bindings, or none when unbound.
 ColumnValue boundValue(const void* record, std::span<const FieldBinding> bindings,
                        const ColumnDef& column);

@@ -63,4 +63,9 @@ void showMessage(const char* text, const char* caption) {
   (void)std::fflush(stderr);
 }
 
+void showLibraryMessage(std::string_view utf8Text) {
+  const std::string text = wideToAnsi(utf8ToUtf16(utf8Text));
+  showMessage(text.c_str(), kMessageCaption);
+}
+
 }  // namespace mv

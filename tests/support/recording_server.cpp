@@ -300,8 +300,25 @@ int32_t RecordingServer::SetUserAdmin(BSTR first, BSTR second, int32_t third) {
   return record("SetUserAdmin", {utf8(first), utf8(second), num(third)});
 }
 
-int32_t RecordingServer::GetLoginUsers(VARIANT* /*list*/, int32_t* /*count*/) {
-  return record("GetLoginUsers", {kOut, kOut});
+int32_t RecordingServer::GetLoginUsers(VARIANT* list, int32_t* count) {
+  const int32_t s = record("GetLoginUsers", {kOut, kOut});
+  if (s != 0 || list == nullptr || count == nullptr) return s;
+  MVVariantClear(list);
+  list->parray =
+      mv::safeArrayCreateVector(MV_VT_VARIANT, 0, static_cast<uint32_t>(2 * loginUsers.size()));
+  list->vt = MV_VT_ARRAY | MV_VT_VARIANT;
+  void* data = nullptr;
+  mv::safeArrayAccessData(list->parray, &data);
+  for (std::size_t i = 0; i < loginUsers.size(); ++i) {
+    auto* pair = static_cast<VARIANT*>(data) + 2 * i;
+    pair[0].vt = pair[1].vt = MV_VT_BSTR;
+    pair[0].bstrVal = pair[1].bstrVal = nullptr;
+    putText(&pair[0].bstrVal, loginUsers[i].first);
+    putText(&pair[1].bstrVal, loginUsers[i].second);
+  }
+  mv::safeArrayUnaccessData(list->parray);
+  *count = static_cast<int32_t>(loginUsers.size());
+  return 0;
 }
 
 int32_t RecordingServer::GetConnect(int32_t* first, int32_t* second) {

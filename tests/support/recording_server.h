@@ -48,6 +48,8 @@ class RecordingServer final : public mv::IBookServer {
   std::map<int32_t, std::pair<int32_t, int32_t>> optionValues;  // GetOption kind -> (a, b)
   std::map<std::string, int32_t> mutexAnswers;                  // SetMutex name -> result
   int32_t nextIndex = 100;                                      // AddRecord's new T_Index
+  // GetLoginUsers: the pairs (user name, second text) of the users logged on now.
+  std::vector<std::pair<std::string, std::string>> loginUsers;
 
   // Blobs: what UpLoadData received (good bytes only), and what DownLoadData serves.
   std::vector<uint8_t> uploaded;
