@@ -7,7 +7,7 @@ preset=${1:-dev}
 
 packages=(build-essential cmake ninja-build pkg-config binutils
           googletest libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
-          capnproto libcapnp-dev
+          capnproto libcapnp-dev openssl
           clang-format clang-tidy)
 
 missing=()

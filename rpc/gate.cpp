@@ -1,0 +1,94 @@
+#include "rpc/gate.h"
+
+#include <kj/debug.h>
+
+#include <fstream>
+
+#include "rpc/book_server_stub.h"
+
+namespace mv::rpc {
+
+namespace {
+
+// Equal texts, in time that depends on the guess's length only.
+bool sameText(std::string_view guess, std::string_view token) {
+  unsigned diff = guess.size() != token.size() ? 1u : 0u;
+  for (std::size_t i = 0; i < guess.size(); ++i) {
+    const char t = i < token.size() ? token[i] : '\0';
+    diff |= static_cast<unsigned char>(guess[i] ^ t);
+  }
+  return diff == 0;
+}
+
+std::string_view trimmed(std::string_view s) {
+  const auto first = s.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return {};
+  const auto last = s.find_last_not_of(" \t\r\n");
+  return s.substr(first, last - first + 1);
+}
+
+}  // namespace
+
+bool Tokens::accepts(std::string_view token) const {
+  bool found = false;
+  for (const std::string& t : tokens_) found |= sameText(token, t);
+  return found;
+}
+
+bool loadTokens(const std::string& path, std::vector<std::string>& tokens, std::string& error) {
+  std::ifstream file(path);
+  if (!file) {
+    error = "cannot read the token file " + path;
+    return false;
+  }
+  tokens.clear();
+  std::string line;
+  while (std::getline(file, line)) {
+    const std::string_view t = trimmed(line);
+    if (!t.empty() && t.front() != '#') tokens.emplace_back(t);
+  }
+  if (file.bad()) {
+    error = "cannot read the token file " + path;
+    return false;
+  }
+  if (tokens.empty()) {
+    error = "the token file " + path + " holds no token";
+    return false;
+  }
+  return true;
+}
+
+GateServer::GateServer(const Shared& shared, kj::Timer& timer, std::string peer, bool* loggedIn)
+    : shared_(shared),
+      timer_(timer),
+      peer_(std::move(peer)),
+      loggedIn_(loggedIn),
+      previous_(kj::Promise<void>(kj::READY_NOW).fork()) {}
+
+kj::Promise<void> GateServer::login(LoginContext context) {
+  auto turn = previous_.addBranch().then([this, context]() mutable { return answer(context); });
+  auto forked = turn.fork();
+  // A refusal breaks this login only; the next one waits for it, then runs.
+  previous_ = forked.addBranch().catch_([](kj::Exception&&) {}).fork();
+  return forked.addBranch();
+}
+
+kj::Promise<void> GateServer::answer(LoginContext context) {
+  const auto token = context.getParams().getToken();
+  if (!shared_.tokens || !shared_.tokens->required() ||
+      shared_.tokens->accepts(std::string_view(token.cStr(), token.size()))) {
+    context.getResults().setServer(kj::heap<BookServerStub>(shared_.core));
+    *loggedIn_ = true;
+    if (shared_.log) {
+      shared_.log("login from " + peer_ + " (" + std::to_string(shared_.core->liveSessions()) +
+                  " sessions)");
+    }
+    return kj::READY_NOW;
+  }
+  if (shared_.log) shared_.log("login refused for " + peer_ + ": unknown token");
+  return timer_.afterDelay(shared_.refusalDelay).then([]() {
+    kj::throwFatalException(KJ_EXCEPTION(FAILED, "login refused"));
+  });
+}
+
+}  // namespace mv::rpc
