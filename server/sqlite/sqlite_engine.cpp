@@ -2,9 +2,14 @@
 
 #include <sqlite3.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <set>
 
@@ -622,13 +627,18 @@ bool SqliteEngine::release(const std::string& name) {
 }
 
 bool SqliteEngine::copy(std::string_view from, std::string_view to, std::string& error) {
-  if (exists(to)) {
-    error = "database " + std::string(to) + " exists";
-    return false;
-  }
-  auto source = open(from, false, error);
-  if (!source) return false;
-  return exportFile(from, pathOf(to), error);
+  // The copy is made under a name of its own and then linked to its final name, which fails if
+  // that name exists: two sessions making the same database cannot both succeed.
+  static std::atomic<uint64_t> serial{0};
+  const std::string target = pathOf(to);
+  const std::string part =
+      target + ".part-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
+  if (!exportFile(from, part, error)) return false;
+  const bool linked = ::link(part.c_str(), target.c_str()) == 0;
+  if (!linked)
+    error = errno == EEXIST ? "database " + std::string(to) + " exists" : std::strerror(errno);
+  std::remove(part.c_str());
+  return linked;
 }
 
 bool SqliteEngine::exportFile(std::string_view name, const std::string& path, std::string& error) {

@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <thread>
+
 #include "book_server_session.h"
 
 namespace mvtest::server {
@@ -92,6 +95,33 @@ TEST_F(DatabasesTest, DeleteDatabaseWaitsUntilNoOtherSessionHasTheBookOpen) {
   other.reset();
   EXPECT_EQ(s->DeleteDatabase(In(kBook), In("")), 0) << lastError(*s);
   EXPECT_EQ(exists(kBook), mv::kStatusMissingDatabase);
+}
+
+}  // namespace
+}  // namespace mvtest::server
+
+namespace mvtest::server {
+namespace {
+
+// Sessions that make the same book at the same moment: exactly one of them gets it.
+TEST_F(DatabasesTest, OnlyOneOfManySessionsMakingOneNameSucceeds) {
+  constexpr int kSessions = 6;
+  for (int round = 0; round < 5; ++round) {
+    const std::string name = "BOOK11230100" + std::to_string(10 + round);
+    std::vector<Session> sessions;
+    for (int i = 0; i < kSessions; ++i) sessions.push_back(connect());
+    std::vector<int32_t> results(kSessions, -1);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kSessions; ++i) {
+      threads.emplace_back([&, i] {
+        results[static_cast<std::size_t>(i)] =
+            sessions[static_cast<std::size_t>(i)]->CreateBookDatabase(In(""), In(""), In(name));
+      });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(std::count(results.begin(), results.end(), 0), 1) << name;
+    EXPECT_EQ(exists(name.c_str()), 0);
+  }
 }
 
 }  // namespace
