@@ -1,9 +1,8 @@
-// The frame's exports end to end: MVInit("") starts the server in this process on a fresh data
-// folder of the test's own, and everything below runs against it for real.
+// The frame's exports end to end against a real server: the one in this process and a daemon on
+// loopback, each on a fresh data folder of the test's own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 
 #include "MVCore.h"
@@ -11,26 +10,15 @@
 #include "frame/connection.h"
 #include "frame/exchange.h"
 #include "frame/handles.h"
+#include "live_server.h"
 
 namespace {
 
-namespace stdfs = std::filesystem;
-
-class FrameEndToEnd : public ::testing::Test {
+class FrameEndToEnd : public mvtest::LiveServerTest {
  protected:
   void SetUp() override {
-    mv::resetConnectionState();
-    folder_ = testing::TempDir() + "mvcore-e2e-" +
-              testing::UnitTest::GetInstance()->current_test_info()->name();
-    stdfs::remove_all(folder_);
-    ASSERT_EQ(MVSetDataFolder(folder_.c_str()), 0);
-    ASSERT_EQ(MVInit(""), 0) << "status " << mv::connection().lastError;
+    LiveServerTest::SetUp();
     server_ = mv::connection().currentServer;
-  }
-  void TearDown() override {
-    if (mv::connection().currentServer) MVExit();
-    mv::resetConnectionState();
-    stdfs::remove_all(folder_);
   }
 
   std::string lastErrorText() {
@@ -60,11 +48,12 @@ class FrameEndToEnd : public ::testing::Test {
     return index;
   }
 
-  std::string folder_;
   mv::IBookServer* server_ = nullptr;
 };
 
-TEST_F(FrameEndToEnd, AFreshFolderServesTheSystemDatabaseAndItsTables) {
+MVCORE_ON_BOTH_SERVERS(FrameEndToEnd);
+
+TEST_P(FrameEndToEnd, AFreshFolderServesTheSystemDatabaseAndItsTables) {
   ASSERT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
   EXPECT_EQ(mv::connection().systemDbHeld, 1);
   EXPECT_EQ(MVCheckTBL("MarvekSystemCommonDB", "UserInfoTBL"), 1);
@@ -95,7 +84,7 @@ TEST_F(FrameEndToEnd, AFreshFolderServesTheSystemDatabaseAndItsTables) {
   EXPECT_EQ(MVCloseDB("MarvekSystemCommonDB"), 0);
 }
 
-TEST_F(FrameEndToEnd, AMissingDatabaseIsReportedWithTheServersCodeAndText) {
+TEST_P(FrameEndToEnd, AMissingDatabaseIsReportedWithTheServersCodeAndText) {
   EXPECT_EQ(MVOpenDBEx("BOOK9999999999"), -1);
   EXPECT_EQ(mv::connection().lastError, 0x8A);
   EXPECT_EQ(mv::connection().bookDbHeld, 0);
@@ -107,7 +96,7 @@ TEST_F(FrameEndToEnd, AMissingDatabaseIsReportedWithTheServersCodeAndText) {
   EXPECT_EQ(MVDeleteDB("BOOK9999999999"), -1);
 }
 
-TEST_F(FrameEndToEnd, ABookIsHeldOpenedForImagesAndDeleted) {
+TEST_P(FrameEndToEnd, ABookIsHeldOpenedForImagesAndDeleted) {
   makeBook("BOOK1123000001");
   ASSERT_EQ(MVOpenDBEx("BOOK1123000001"), 0);
   char handle[260] = "";
@@ -131,7 +120,7 @@ constexpr char kNameC[] =
     "\x8D\x48\x8E\x96\x96\xBC"
     "C";
 
-TEST_F(FrameEndToEnd, RecordDeleteRemovesRowsThroughOneHandle) {
+TEST_P(FrameEndToEnd, RecordDeleteRemovesRowsThroughOneHandle) {
   ASSERT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
   const int32_t a = addRow("MarvekSystemCommonDB", "CommonTBL", "DataName", kNameA);
   const int32_t b = addRow("MarvekSystemCommonDB", "CommonTBL", "DataName", kNameB);
@@ -159,7 +148,7 @@ TEST_F(FrameEndToEnd, RecordDeleteRemovesRowsThroughOneHandle) {
   EXPECT_NE(mv::connection().lastError, 0);
 }
 
-TEST_F(FrameEndToEnd, BlobsGoUpAndComeBackByteForByte) {
+TEST_P(FrameEndToEnd, BlobsGoUpAndComeBackByteForByte) {
   makeBook("BOOK1123000002");
   const int32_t row = addRow("BOOK1123000002", "ImageDataTBL", "ImageDataInfo", "a.png");
   std::string handle;
@@ -201,7 +190,7 @@ TEST_F(FrameEndToEnd, BlobsGoUpAndComeBackByteForByte) {
   EXPECT_EQ(server_->CloseTable(mv::toWide("BOOK1123000002").get(), h.get()), 0);
 }
 
-TEST_F(FrameEndToEnd, ConnectionQueriesAnswerFromTheRealServer) {
+TEST_P(FrameEndToEnd, ConnectionQueriesAnswerFromTheRealServer) {
   EXPECT_EQ(MVConnectCheck(), 0);
   int32_t first = -1, second = -1, fourth = -1;
   EXPECT_EQ(MVGetOption(&first, &second, nullptr, &fourth), 0);
@@ -218,12 +207,12 @@ TEST_F(FrameEndToEnd, ConnectionQueriesAnswerFromTheRealServer) {
   EXPECT_EQ(MVSetMutex("x", 9), -1);
 }
 
-TEST_F(FrameEndToEnd, ExitReleasesTheFolderForTheNextRun) {
+TEST_P(FrameEndToEnd, ExitReleasesTheFolderForTheNextRun) {
   ASSERT_EQ(MVExit(), 0);
-  ASSERT_EQ(MVInit(""), 0);
+  ASSERT_EQ(MVInit(host().c_str()), 0);
   EXPECT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
-  // Two links in one process share the server of the folder.
-  ASSERT_EQ(MVChangeServer(""), 0);
+  // Two links of one process to the same server.
+  ASSERT_EQ(MVChangeServer(host().c_str()), 0);
   EXPECT_EQ(MVConnectCheck(), 0);
   EXPECT_EQ(MVResetServer(), 0);
 }

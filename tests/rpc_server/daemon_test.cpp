@@ -7,7 +7,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "daemon_process.h"
+#include "child_process.h"
 #include "rpc_test_client.h"
 
 namespace mvtest::rpc {

@@ -6,7 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "daemon_process.h"
+#include "child_process.h"
 #include "rpc/daemon.h"
 
 namespace mvtest::rpc {

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <thread>
 
-#include "daemon_process.h"
+#include "child_process.h"
 #include "rpc/daemon.h"
 #include "rpc_test_client.h"
 

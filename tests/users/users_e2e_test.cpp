@@ -1,15 +1,15 @@
-// Users and permissions end to end: MVInit("") on a fresh data folder of the test's own, whose
-// server starts with the administrator "admin" (password "admin").
+// Users and permissions end to end, against the server in this process and a daemon on loopback,
+// each on a fresh data folder whose server starts with the administrator "admin" ("admin").
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "MVCore.h"
 #include "frame/exchange.h"
 #include "frame/handles.h"
+#include "live_server.h"
 #include "users_fixture.h"
 
 namespace mvtest {
@@ -22,24 +22,17 @@ void catchText(const char* text, const char*, void* context) {
   static_cast<std::vector<std::string>*>(context)->push_back(text);
 }
 
-class UsersEndToEnd : public ::testing::Test {
+class UsersEndToEnd : public LiveServerTest {
  protected:
   void SetUp() override {
-    mv::resetConnectionState();
-    ASSERT_EQ(MVSetCodePage("CP932"), 0);
-    folder_ = testing::TempDir() + "mvcore-users-" +
-              testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder_);
-    ASSERT_EQ(MVSetDataFolder(folder_.c_str()), 0);
-    ASSERT_EQ(MVInit(""), 0) << "status " << mv::connection().lastError;
+    LiveServerTest::SetUp();
+    if (HasFatalFailure()) return;
     ASSERT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
     MVSetMessageHandler(catchText, &shown);
   }
   void TearDown() override {
     MVSetMessageHandler(nullptr, nullptr);
-    if (mv::connection().currentServer) MVExit();
-    mv::resetConnectionState();
-    std::filesystem::remove_all(folder_);
+    LiveServerTest::TearDown();
   }
 
   int32_t logon(const char* name, const char* password) {
@@ -69,11 +62,12 @@ class UsersEndToEnd : public ::testing::Test {
     return value;
   }
 
-  std::string folder_;
   std::vector<std::string> shown;
 };
 
-TEST_F(UsersEndToEnd, UsersWithApostrophesJapaneseNamesAndEmptyPasswordsLogOn) {
+MVCORE_ON_BOTH_SERVERS(UsersEndToEnd);
+
+TEST_P(UsersEndToEnd, UsersWithApostrophesJapaneseNamesAndEmptyPasswordsLogOn) {
   EXPECT_GT(logon("admin", "admin"), 0);
   EXPECT_EQ(logon("admin", "Admin"), -1);
   const int32_t obrien = regist("O'Brien", "p'w");
@@ -95,7 +89,7 @@ TEST_F(UsersEndToEnd, UsersWithApostrophesJapaneseNamesAndEmptyPasswordsLogOn) {
   MVGlobalFree(MVGlobalHandle(list));
 }
 
-TEST_F(UsersEndToEnd, ALoggedOnUserCannotBeChangedAndAnUpdateKeepsTheAdministrator) {
+TEST_P(UsersEndToEnd, ALoggedOnUserCannotBeChangedAndAnUpdateKeepsTheAdministrator) {
   const int32_t taro = regist("taro", "old");
   ASSERT_EQ(MVLoginMgr("taro", "pc1", "old", 1), 0);
   EXPECT_EQ(MVUpdateUser(taro, "taro", "new"), -1);
@@ -118,7 +112,7 @@ TEST_F(UsersEndToEnd, ALoggedOnUserCannotBeChangedAndAnUpdateKeepsTheAdministrat
   EXPECT_EQ(admin(), "none");  // the old one was demoted all the same
 }
 
-TEST_F(UsersEndToEnd, PermissionsFollowRowsDefaultsAndTheAdministrator) {
+TEST_P(UsersEndToEnd, PermissionsFollowRowsDefaultsAndTheAdministrator) {
   const int32_t adminId = logon("admin", "admin");
   const int32_t taro = regist("taro", "t");
   const int32_t jiro = regist("jiro", "j");

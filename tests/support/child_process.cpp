@@ -1,4 +1,4 @@
-#include "daemon_process.h"
+#include "child_process.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,13 +11,16 @@
 #include <filesystem>
 #include <fstream>
 
-namespace mvtest::rpc {
+namespace mvtest {
 
 TempFolder::TempFolder(std::string_view tag) {
   static std::atomic<int> serial{0};
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  path_ = ::testing::TempDir() + "mvcore-rpc-" + std::string(tag) + "-" +
-          (info ? std::string(info->name()) : std::string("none")) + "-" +
+  std::string test = info ? std::string(info->name()) : std::string("none");
+  for (char& c : test) {
+    if (c == '/') c = '_';  // parameterised names hold a slash
+  }
+  path_ = ::testing::TempDir() + "mvcore-test-" + std::string(tag) + "-" + test + "-" +
           std::to_string(::getpid()) + "-" + std::to_string(++serial);
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
@@ -144,4 +147,4 @@ int runProgram(const std::vector<std::string>& args, std::string* output,
   return status ? *status : -1000;
 }
 
-}  // namespace mvtest::rpc
+}  // namespace mvtest

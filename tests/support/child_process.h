@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-namespace mvtest::rpc {
+namespace mvtest {
 
 using namespace std::chrono_literals;
 
@@ -70,4 +70,4 @@ class ChildProcess {
 int runProgram(const std::vector<std::string>& args, std::string* output,
                std::chrono::milliseconds limit = 60s);
 
-}  // namespace mvtest::rpc
+}  // namespace mvtest

@@ -1,0 +1,49 @@
+// Suites that run the library against a real server, once in this process (MVInit("")) and once
+// through a bookserverd started for the test on a loopback port. Each test gets a fresh data
+// folder of its own; nothing touches the user's.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "child_process.h"
+
+namespace mvtest {
+
+enum class ServerKind { Embedded, Remote };
+
+class LiveServerTest : public ::testing::TestWithParam<ServerKind> {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  bool remote() const { return GetParam() == ServerKind::Remote; }
+  // What MVInit was given: "" or "127.0.0.1:<port>".
+  const std::string& host() const { return host_; }
+  const std::string& folder() const { return folder_->path(); }
+
+  // The daemon of a remote test: stopped hard (SIGKILL), and started again on the same folder
+  // (on a new port; host() follows).
+  void killDaemon();
+  void restartDaemon();
+
+ private:
+  void startDaemon();
+
+  std::unique_ptr<TempFolder> folder_;
+  std::unique_ptr<ChildProcess> daemon_;
+  std::string host_;
+};
+
+std::string serverKindName(const ::testing::TestParamInfo<ServerKind>& info);
+
+}  // namespace mvtest
+
+// Runs every test of `Fixture` (a LiveServerTest) against both servers.
+#define MVCORE_ON_BOTH_SERVERS(Fixture)                                                \
+  INSTANTIATE_TEST_SUITE_P(                                                            \
+      Servers, Fixture,                                                                \
+      ::testing::Values(::mvtest::ServerKind::Embedded, ::mvtest::ServerKind::Remote), \
+      ::mvtest::serverKindName)
