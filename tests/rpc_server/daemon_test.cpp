@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "certificate.h"
 #include "child_process.h"
 #include "rpc_test_client.h"
 
@@ -31,25 +32,17 @@ std::string readFile(const std::string& path) {
   return s.str();
 }
 
-// A self-signed certificate for localhost and 127.0.0.1, and its key, made with the openssl
-// program.
 struct Certificate {
   std::string cert;
   std::string key;
   std::string pem;
 };
 
-Certificate makeCertificate(const TempFolder& folder) {
-  Certificate c{folder / "server.crt", folder / "server.key", ""};
-  std::string output;
-  const int status = runProgram(
-      {OPENSSL_PROGRAM, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-       "-nodes", "-keyout", c.key, "-out", c.cert, "-days", "2", "-subj", "/CN=localhost",
-       "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1"},
-      &output);
-  EXPECT_EQ(status, 0) << "openssl (scripts/setup.sh installs it): " << output;
-  c.pem = readFile(c.cert);
-  return c;
+// The test program's throwaway certificate, and its PEM text for a client to trust.
+Certificate makeCertificate(const TempFolder&) {
+  const TestCertificate& t = testCertificate();
+  EXPECT_TRUE(t.made);
+  return {t.cert, t.key, readFile(t.cert)};
 }
 
 TEST(Bookserverd, ServesClientsAndEndsCleanlyOnSigterm) {

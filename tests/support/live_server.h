@@ -20,12 +20,14 @@ class LiveServerTest : public ::testing::TestWithParam<ServerKind> {
   void TearDown() override;
 
   bool remote() const { return GetParam() == ServerKind::Remote; }
-  // What MVInit was given: "" or "127.0.0.1:<port>".
+  // What MVInit was given: "", or "books", which the client configuration written for the test
+  // maps to the daemon's port with TLS and a token.
   const std::string& host() const { return host_; }
-  const std::string& folder() const { return folder_->path(); }
+  // The server's data folder.
+  const std::string& dataFolder() const { return data_; }
 
   // The daemon of a remote test: stopped hard (SIGKILL), and started again on the same folder
-  // (on a new port; host() follows).
+  // (on a new port, which the client configuration follows).
   void killDaemon();
   void restartDaemon();
 
@@ -33,6 +35,7 @@ class LiveServerTest : public ::testing::TestWithParam<ServerKind> {
   void startDaemon();
 
   std::unique_ptr<TempFolder> folder_;
+  std::string data_;
   std::unique_ptr<ChildProcess> daemon_;
   std::string host_;
 };

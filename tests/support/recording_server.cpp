@@ -292,8 +292,11 @@ int32_t RecordingServer::TagUpdateCounter(BSTR dbName, int32_t tagIndex, int32_t
   return record("TagUpdateCounter", {utf8(dbName), num(tagIndex), num(op), kOut});
 }
 
-int32_t RecordingServer::SetCounter(BSTR name, int32_t op, int32_t* /*value*/) {
-  return record("SetCounter", {utf8(name), num(op)});
+int32_t RecordingServer::SetCounter(BSTR name, int32_t op, int32_t* value) {
+  const int32_t s = record("SetCounter", {utf8(name), num(op)});
+  const auto it = counters.find(utf8(name));
+  if (s == 0 && op == 0 && value != nullptr && it != counters.end()) *value = it->second;
+  return s;
 }
 
 int32_t RecordingServer::SetUserAdmin(BSTR first, BSTR second, int32_t third) {

@@ -47,6 +47,7 @@ class RecordingServer final : public mv::IBookServer {
   int32_t connectFirst = 0, connectSecond = 0;                  // GetConnect
   std::map<int32_t, std::pair<int32_t, int32_t>> optionValues;  // GetOption kind -> (a, b)
   std::map<std::string, int32_t> mutexAnswers;                  // SetMutex name -> result
+  std::map<std::string, int32_t> counters;                      // SetCounter op 0: name -> value
   int32_t nextIndex = 100;                                      // AddRecord's new T_Index
   // GetLoginUsers: the pairs (user name, second text) of the users logged on now.
   std::vector<std::pair<std::string, std::string>> loginUsers;
