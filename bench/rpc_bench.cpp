@@ -1,0 +1,771 @@
+// What the network costs: each remote measurement runs next to a baseline on the same loopback,
+// so the output reads as "this much of the time is the wire itself, the rest is ours".
+//
+//   BM_SmallCall/...   ConnectCheck through RemoteBookServer against a TCP ping-pong of the same
+//                      number of bytes as one ConnectCheck puts on the wire (measured from the
+//                      kernel's byte counters of the proxy's socket before the first run)
+//   BM_ReadRows/...    OpenTable, GetRecords of each of 10,000 rows, CloseTable: embedded, remote
+//   BM_Blob100MB/...   100 MB up and down in 307,200-byte blocks, against one thread copying the
+//                      same bytes to another over a plain socket in writes of the same size
+//
+//   mvcore_rpc_bench [--benchmark_filter=...]
+//
+// MB here is 2^20 bytes, as in the blob bench. One bookserverd is started for the whole run on a
+// data folder of its own (the embedded server has another: each holds its folder's lock), and is
+// stopped with SIGTERM at the end, or by the kernel should this process die first.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame/blocks.h"
+#include "frame/exchange.h"
+#include "rpc/remote_book_server.h"
+#include "server/core/book_server.h"
+
+namespace {
+
+namespace stdfs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr char kSystemDb[] = "MarvekSystemCommonDB";
+constexpr char kRowTable[] = "CommonTBL";
+constexpr int32_t kRows = 10000;
+constexpr char kBook[] = "BOOK1123000001";
+constexpr int64_t kBlobBytes = 100ll << 20;
+constexpr int kBlobIterations = 3;
+// Used only when the proxy's socket cannot be found to measure it. Counted from the message
+// layouts: a Call for a method without parameters is 112 bytes with its frame header (an empty
+// cap table is left null), and the Finish that follows each answer 40.
+constexpr int kEstimatedCallBytes = 152;
+constexpr int kSizeProbeCalls = 2000;
+// Every blocking socket operation gives up after this, so no run can hang on a lost peer.
+constexpr int kSocketTimeoutSeconds = 20;
+
+bool anyFailed = false;
+
+void fail(benchmark::State& state, const std::string& why) {
+  anyFailed = true;
+  state.SkipWithError(why.c_str());
+}
+
+struct Releaser {
+  void operator()(mv::IBookServer* s) const { s->Release(); }
+};
+using ServerPtr = std::unique_ptr<mv::IBookServer, Releaser>;
+
+// ---------------------------------------------------------------------------------------------
+// bookserverd as a child. Its log is drained by a thread for the whole run: a full pipe would
+// block the daemon in the middle of a call.
+
+class Daemon {
+ public:
+  Daemon() = default;
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+  ~Daemon() { stop(); }
+
+  bool start(const std::vector<std::string>& args) {
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+    const pid_t parent = ::getpid();
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      // Only async-signal-safe calls until exec. The death signal covers a bench that crashes or
+      // is killed: the daemon must not outlive it holding the folder.
+      ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+      if (::getppid() != parent) ::_exit(126);
+      ::dup2(fds[1], STDERR_FILENO);
+      ::dup2(fds[1], STDOUT_FILENO);
+      ::execv(argv[0], argv.data());
+      ::_exit(127);
+    }
+    ::close(fds[1]);
+    if (pid_ < 0) {
+      ::close(fds[0]);
+      return false;
+    }
+    log_fd_ = fds[0];
+    reader_ = std::thread(&Daemon::drain, this);
+    return true;
+  }
+
+  // The port of the "listening on HOST:PORT" line; 0 when it did not come within `limit`.
+  uint16_t waitForPort(std::chrono::milliseconds limit) {
+    constexpr std::string_view kMark = "listening on ";
+    std::unique_lock lock(mutex_);
+    std::size_t at = std::string::npos;
+    changed_.wait_for(lock, limit, [&] {
+      at = log_.find(kMark);
+      return (at != std::string::npos && log_.find('\n', at) != std::string::npos) || ended_;
+    });
+    if (at == std::string::npos || log_.find('\n', at) == std::string::npos) return 0;
+    const std::size_t from = at + kMark.size();
+    const std::string address = log_.substr(from, log_.find_first_of(" \n", from) - from);
+    const std::size_t colon = address.rfind(':');
+    if (colon == std::string::npos) return 0;
+    return static_cast<uint16_t>(std::strtoul(address.c_str() + colon + 1, nullptr, 10));
+  }
+
+  // SIGTERM, then SIGKILL if it has not ended within 10 s. The exit status, or -N after signal N;
+  // nothing when there was no daemon.
+  std::optional<int> stop() {
+    if (pid_ <= 0) return std::nullopt;
+    ::kill(pid_, SIGTERM);
+    int status = 0;
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    pid_t done = 0;
+    while ((done = ::waitpid(pid_, &status, WNOHANG)) == 0 &&
+           std::chrono::steady_clock::now() < end) {
+      std::this_thread::sleep_for(10ms);
+    }
+    if (done == 0) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
+    if (reader_.joinable()) reader_.join();
+    if (log_fd_ >= 0) ::close(log_fd_);
+    log_fd_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+  std::string log() {
+    std::lock_guard lock(mutex_);
+    return log_;
+  }
+
+ private:
+  void drain() {
+    char buffer[4096];
+    for (;;) {
+      const ssize_t n = ::read(log_fd_, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      std::lock_guard lock(mutex_);
+      if (n <= 0) {
+        ended_ = true;
+        changed_.notify_all();
+        return;
+      }
+      log_.append(buffer, static_cast<std::size_t>(n));
+      changed_.notify_all();
+    }
+  }
+
+  pid_t pid_ = -1;
+  int log_fd_ = -1;
+  std::thread reader_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::string log_;
+  bool ended_ = false;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Plain sockets for the baselines.
+
+class Socket {
+ public:
+  Socket() = default;
+  explicit Socket(int fd) : fd_(fd) {}
+  Socket(Socket&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
+  Socket& operator=(Socket&& o) noexcept {
+    std::swap(fd_, o.fd_);
+    return *this;
+  }
+  ~Socket() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int fd() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_ = -1;
+};
+
+void tune(int fd) {
+  // As the proxy does: a small request must not wait for Nagle.
+  const int on = 1;
+  (void)::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  timeval limit{kSocketTimeoutSeconds, 0};
+  (void)::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+// Two connected ends on 127.0.0.1. The kernel completes a loopback connection into the backlog,
+// so one thread can make both ends without an accepting thread.
+bool loopbackPair(Socket& client, Socket& server) {
+  Socket listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!listener) return false;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (::bind(listener.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener.fd(), 1) != 0 ||
+      ::getsockname(listener.fd(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return false;
+  }
+  client = Socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!client ||
+      ::connect(client.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    return false;
+  }
+  pollfd ready{listener.fd(), POLLIN, 0};
+  if (::poll(&ready, 1, kSocketTimeoutSeconds * 1000) != 1) return false;
+  server = Socket(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+  if (!server) return false;
+  tune(client.fd());
+  tune(server.fd());
+  return true;
+}
+
+bool writeAll(int fd, const uint8_t* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool readAll(int fd, uint8_t* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::recv(fd, data, size, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// What the whole run shares. Servers are connected on first use, on the main thread: the proxy's
+// event loop belongs to the thread that connected it.
+
+struct Run {
+  stdfs::path daemonFolder;
+  stdfs::path embeddedFolder;
+  std::string host;  // "127.0.0.1:PORT"
+  uint16_t port = 0;
+  ServerPtr remote;
+  ServerPtr embedded;
+  bool remoteRows = false;
+  bool embeddedRows = false;
+  // Bytes one ConnectCheck puts on the wire each way; 0 until measured.
+  int callBytesOut = 0;
+  int callBytesIn = 0;
+  bool callBytesMeasured = false;
+  // The remote book's row that the blob goes to.
+  mv::Bstr blobHandle;
+  int32_t blobRow = 0;
+  bool blobReady = false;
+};
+
+Run run;
+
+mv::IBookServer* remoteServer(std::string& error) {
+  if (!run.remote) {
+    mv::IBookServer* s = nullptr;
+    const int32_t status = mv::rpc::connectRemote(run.host, &s);
+    if (status != 0) {
+      error = "cannot reach the daemon: " + mv::rpc::lastConnectError();
+      return nullptr;
+    }
+    run.remote.reset(s);
+  }
+  return run.remote.get();
+}
+
+mv::IBookServer* embeddedServer(std::string& error) {
+  if (!run.embedded) {
+    mv::IBookServer* s = nullptr;
+    if (mv::server::connectEmbedded(run.embeddedFolder.string(), &s) != 0) {
+      error = "cannot start the embedded server";
+      return nullptr;
+    }
+    run.embedded.reset(s);
+  }
+  return run.embedded.get();
+}
+
+// Tops the table up to kRows rows, one AddRecord a row as an application adds them.
+bool fillRows(mv::IBookServer& server, std::string& error) {
+  const mv::Bstr db = mv::toWide(kSystemDb);
+  int32_t rows = 0;
+  mv::Bstr handle;
+  if (server.OpenTable(db.get(), mv::toWide(kRowTable).get(), 0, &rows, handle.out()) != 0) {
+    error = "cannot open the table to fill";
+    return false;
+  }
+  const std::string handleText = mv::toAnsi(handle.get());
+  for (int32_t i = rows; i < kRows; ++i) {
+    mv::RecordWriter record(handleText, 3);
+    record.putInt(1, "DataKind", mv::kTypeInt, i % 7);
+    record.putText(2, "DataName", mv::kTypeVarchar, "row " + std::to_string(i));
+    record.putText(3, "AddInfo", mv::kTypeVarchar, "filled for the row benchmark");
+    int32_t index = 0;
+    if (server.AddRecord(db.get(), record.get(), 1, &index) != 0) {
+      error = "AddRecord failed at row " + std::to_string(i);
+      return false;
+    }
+  }
+  server.CloseTable(db.get(), handle.get());
+  return true;
+}
+
+// The proxy's socket: the one TCP connection of this process whose peer is the daemon's port.
+int proxySocket() {
+  DIR* dir = ::opendir("/proc/self/fd");
+  if (dir == nullptr) return -1;
+  int found = -1;
+  while (const dirent* entry = ::readdir(dir)) {
+    char* end = nullptr;
+    const long fd = std::strtol(entry->d_name, &end, 10);
+    if (end == entry->d_name || *end != '\0' || fd == ::dirfd(dir)) continue;
+    struct stat st {};
+    if (::fstat(static_cast<int>(fd), &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (::getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+        peer.sin_family == AF_INET && ntohs(peer.sin_port) == run.port) {
+      found = static_cast<int>(fd);
+      break;
+    }
+  }
+  ::closedir(dir);
+  return found;
+}
+
+struct WireCount {
+  uint64_t out = 0;  // bytes sent and acknowledged
+  uint64_t in = 0;
+  uint64_t segmentsOut = 0;
+};
+
+bool wireCount(int fd, WireCount& count) {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  if (fd < 0 || ::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
+      length < offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received) {
+    return false;
+  }
+  count = {info.tcpi_bytes_acked, info.tcpi_bytes_received, info.tcpi_segs_out};
+  return true;
+}
+
+// Bytes per ConnectCheck each way, from the socket's counters over many calls: the Finish that
+// capnp sends after each answer goes out with the next call, so single calls cannot be timed
+// apart but an average over many is exact to a byte.
+void measureCallBytes(mv::IBookServer& server) {
+  if (run.callBytesMeasured) return;
+  run.callBytesMeasured = true;
+  run.callBytesOut = kEstimatedCallBytes;
+  run.callBytesIn = 0;
+  for (int i = 0; i < 10; ++i) server.ConnectCheck();  // past the logon's traffic
+  const int fd = proxySocket();
+  WireCount before, after;
+  if (!wireCount(fd, before)) {
+    std::fprintf(stderr, "proxy socket not found: ping-pong uses the estimate of %d bytes\n",
+                 kEstimatedCallBytes);
+    return;
+  }
+  for (int i = 0; i < kSizeProbeCalls; ++i) server.ConnectCheck();
+  std::this_thread::sleep_for(20ms);  // the last acknowledgements
+  if (!wireCount(fd, after)) return;
+  run.callBytesOut = static_cast<int>((after.out - before.out + kSizeProbeCalls / 2) /
+                                      static_cast<uint64_t>(kSizeProbeCalls));
+  run.callBytesIn = static_cast<int>((after.in - before.in + kSizeProbeCalls / 2) /
+                                     static_cast<uint64_t>(kSizeProbeCalls));
+}
+
+// ---------------------------------------------------------------------------------------------
+// 1. Small calls.
+
+void BM_RemoteConnectCheck(benchmark::State& state) {
+  std::string error;
+  mv::IBookServer* server = remoteServer(error);
+  if (!server) return fail(state, error);
+  measureCallBytes(*server);
+  const int fd = proxySocket();
+  WireCount before, after;
+  const bool counted = wireCount(fd, before);
+  for (auto _ : state) {
+    if (server->ConnectCheck() != 0) {
+      fail(state, "ConnectCheck failed");
+      break;
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+  if (counted && wireCount(fd, after) && state.iterations() > 0) {
+    const auto calls = static_cast<double>(state.iterations());
+    state.counters["wire_out"] = static_cast<double>(after.out - before.out) / calls;
+    state.counters["wire_in"] = static_cast<double>(after.in - before.in) / calls;
+    state.counters["segs_out"] =
+        static_cast<double>(after.segmentsOut - before.segmentsOut) / calls;
+  }
+}
+BENCHMARK(BM_RemoteConnectCheck)->Name("BM_SmallCall/remote_ConnectCheck")->UseRealTime();
+
+void BM_TcpPingPong(benchmark::State& state) {
+  if (!run.callBytesMeasured) {
+    std::string error;
+    mv::IBookServer* server = remoteServer(error);
+    if (!server) return fail(state, error);
+    measureCallBytes(*server);
+  }
+  const auto size = static_cast<std::size_t>(run.callBytesOut);
+  Socket client, server;
+  if (!loopbackPair(client, server)) return fail(state, "no loopback connection");
+  std::thread echo([fd = server.fd(), size] {
+    std::vector<uint8_t> buffer(size);
+    while (readAll(fd, buffer.data(), size) && writeAll(fd, buffer.data(), size)) {
+    }
+  });
+  std::vector<uint8_t> message(size, 0x5A), answer(size);
+  for (auto _ : state) {
+    if (!writeAll(client.fd(), message.data(), size) ||
+        !readAll(client.fd(), answer.data(), size)) {
+      fail(state, "echo failed");
+      break;
+    }
+  }
+  ::shutdown(client.fd(), SHUT_RDWR);  // ends the echo thread's read
+  echo.join();
+  state.SetItemsProcessed(state.iterations());
+  state.counters["bytes_each_way"] = static_cast<double>(size);
+}
+BENCHMARK(BM_TcpPingPong)->Name("BM_SmallCall/tcp_pingpong")->UseRealTime();
+
+// ---------------------------------------------------------------------------------------------
+// 2. Reading rows.
+
+enum class Side { Embedded, Remote };
+
+void BM_ReadRows(benchmark::State& state, Side side) {
+  std::string error;
+  mv::IBookServer* server = side == Side::Remote ? remoteServer(error) : embeddedServer(error);
+  if (!server) return fail(state, error);
+  bool& filled = side == Side::Remote ? run.remoteRows : run.embeddedRows;
+  if (!filled && !fillRows(*server, error)) return fail(state, error);
+  filled = true;
+
+  const mv::Bstr db = mv::toWide(kSystemDb);
+  const mv::Bstr table = mv::toWide(kRowTable);
+  int64_t rowsRead = 0;
+  for (auto _ : state) {
+    int32_t rows = 0;
+    mv::Bstr handle;
+    if (server->OpenTable(db.get(), table.get(), 0, &rows, handle.out()) != 0 || rows < kRows) {
+      fail(state, "OpenTable failed or came short");
+      break;
+    }
+    mv::Row row;
+    int32_t status = 0;
+    bool ok = true;
+    for (int32_t i = 0; i < rows && ok; ++i) {
+      ok = mv::fetchRow(*server, db.get(), handle.get(), i, row, status) &&
+           mv::findField(row, "DataName") != nullptr;
+    }
+    server->CloseTable(db.get(), handle.get());
+    if (!ok) {
+      fail(state, "GetRecords failed");
+      break;
+    }
+    rowsRead += rows;
+  }
+  state.SetItemsProcessed(rowsRead);
+}
+BENCHMARK_CAPTURE(BM_ReadRows, embedded, Side::Embedded)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_ReadRows, remote, Side::Remote)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// ---------------------------------------------------------------------------------------------
+// 3. 100 MB in blocks. The bytes come from one prepared block with the block's number written
+// over its start, so making them costs a copy and nothing more, yet a block that arrives out of
+// place is caught.
+
+const std::vector<uint8_t>& patternBlock() {
+  static const std::vector<uint8_t> block = [] {
+    std::vector<uint8_t> b(mv::kBlockSize);
+    for (std::size_t i = 0; i < b.size(); ++i) b[i] = static_cast<uint8_t>((i * 2654435761u) >> 13);
+    return b;
+  }();
+  return block;
+}
+
+uint8_t expectedAt(int64_t offset) {
+  const int64_t block = offset / mv::kBlockSize;
+  const int64_t at = offset % mv::kBlockSize;
+  if (at < static_cast<int64_t>(sizeof block)) {
+    return static_cast<uint8_t>(static_cast<uint64_t>(block) >> (8 * at));
+  }
+  return patternBlock()[static_cast<std::size_t>(at)];
+}
+
+// Fills `data` with the bytes from `offset` on; `size` never crosses a block's end.
+void fillBlock(uint8_t* data, int64_t offset, std::size_t size) {
+  const auto at = static_cast<std::size_t>(offset % mv::kBlockSize);
+  std::memcpy(data, patternBlock().data() + at, size);
+  const uint64_t block = static_cast<uint64_t>(offset / mv::kBlockSize);
+  for (std::size_t i = at; i < sizeof block && i - at < size; ++i) {
+    data[i - at] = static_cast<uint8_t>(block >> (8 * i));
+  }
+}
+
+// A sample of the bytes (every block's number and every 4093rd byte), as cheap to check as the
+// baseline's reader is to run.
+bool sampleMatches(const uint8_t* data, std::size_t size, int64_t offset) {
+  for (std::size_t i = 0; i < size; i += 4093) {
+    if (data[i] != expectedAt(offset + static_cast<int64_t>(i))) return false;
+  }
+  const int64_t firstBlockStart = (offset + mv::kBlockSize - 1) / mv::kBlockSize * mv::kBlockSize;
+  for (int64_t b = firstBlockStart; b < offset + static_cast<int64_t>(size); b += mv::kBlockSize) {
+    for (int64_t i = b; i < std::min<int64_t>(b + 8, offset + static_cast<int64_t>(size)); ++i) {
+      if (data[i - offset] != expectedAt(i)) return false;
+    }
+  }
+  return true;
+}
+
+void setRates(benchmark::State& state, int64_t bytes) {
+  state.SetBytesProcessed(bytes);
+  state.counters["MB/s"] =
+      benchmark::Counter(static_cast<double>(bytes) / (1 << 20), benchmark::Counter::kIsRate);
+}
+
+bool prepareBlob(mv::IBookServer& server, std::string& error) {
+  if (run.blobReady) return true;
+  const mv::Bstr db = mv::toWide(kBook);
+  if (server.CreateBookDatabase(mv::toWide("").get(), mv::toWide("").get(), db.get()) != 0) {
+    error = "CreateBookDatabase failed";
+    return false;
+  }
+  int32_t rows = 0;
+  if (server.OpenTable(db.get(), mv::toWide("ImageDataTBL").get(), 0, &rows,
+                       run.blobHandle.out()) != 0) {
+    error = "cannot open ImageDataTBL";
+    return false;
+  }
+  mv::RecordWriter record(mv::toAnsi(run.blobHandle.get()), 1);
+  record.putInt(1, "T_Index", mv::kTypeInt, 0);
+  if (server.AddRecord(db.get(), record.get(), 1, &run.blobRow) != 0) {
+    error = "cannot add the blob's row";
+    return false;
+  }
+  run.blobReady = true;
+  return true;
+}
+
+int32_t uploadOnce(mv::IBookServer& server) {
+  int64_t offset = 0;
+  mv::BlockRecord record(kBook, mv::toAnsi(run.blobHandle.get()), run.blobRow, "RealityData");
+  return mv::uploadBlocks(server, record.get(), mv::UploadForm::Insert,
+                          [&](uint8_t* data, std::size_t n) -> std::ptrdiff_t {
+                            const auto take =
+                                static_cast<std::size_t>(std::min<int64_t>(n, kBlobBytes - offset));
+                            fillBlock(data, offset, take);
+                            offset += static_cast<int64_t>(take);
+                            return static_cast<std::ptrdiff_t>(take);
+                          })
+      .status;
+}
+
+void BM_RemoteUpload(benchmark::State& state) {
+  std::string error;
+  mv::IBookServer* server = remoteServer(error);
+  if (!server) return fail(state, error);
+  if (!prepareBlob(*server, error)) return fail(state, error);
+  for (auto _ : state) {
+    if (uploadOnce(*server) != 0) {
+      fail(state, "upload failed");
+      break;
+    }
+  }
+  setRates(state, state.iterations() * kBlobBytes);
+}
+BENCHMARK(BM_RemoteUpload)
+    ->Name("BM_Blob100MB/remote_upload")
+    ->Iterations(kBlobIterations)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_RemoteDownload(benchmark::State& state) {
+  std::string error;
+  mv::IBookServer* server = remoteServer(error);
+  if (!server) return fail(state, error);
+  // Uploaded here when the upload benchmark was filtered out.
+  if (!run.blobReady && (!prepareBlob(*server, error) || uploadOnce(*server) != 0)) {
+    return fail(state, error.empty() ? "upload failed" : error);
+  }
+  const mv::Bstr db = mv::toWide(kBook);
+  const mv::Bstr table = mv::toWide("ImageDataTBL");
+  const mv::Bstr sql =
+      mv::toWide("SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(run.blobRow));
+  const mv::Bstr column = mv::toWide("RealityData");
+  for (auto _ : state) {
+    int32_t rows = 0;
+    mv::Bstr handle;
+    if (server->OpenTableEx(db.get(), table.get(), sql.get(), 1, &rows, handle.out()) != 0) {
+      fail(state, "OpenTableEx failed");
+      break;
+    }
+    int64_t offset = 0;
+    bool same = true;
+    const mv::DownloadResult r = mv::downloadBlocks(*server, db.get(), handle.get(), column.get(),
+                                                    [&](const uint8_t* data, std::size_t n) {
+                                                      same = same && sampleMatches(data, n, offset);
+                                                      offset += static_cast<int64_t>(n);
+                                                      return true;
+                                                    });
+    server->CloseTable(db.get(), handle.get());
+    if (r.status != 0 || offset != kBlobBytes || !same) {
+      fail(state, "download differs");
+      break;
+    }
+  }
+  setRates(state, state.iterations() * kBlobBytes);
+}
+BENCHMARK(BM_RemoteDownload)
+    ->Name("BM_Blob100MB/remote_download")
+    ->Iterations(kBlobIterations)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_TcpCopy(benchmark::State& state) {
+  Socket reader, writer;
+  if (!loopbackPair(reader, writer)) return fail(state, "no loopback connection");
+  std::vector<uint8_t> in(mv::kBlockSize);
+  for (auto _ : state) {
+    std::thread send([fd = writer.fd()] {
+      std::vector<uint8_t> out(mv::kBlockSize);
+      for (int64_t offset = 0; offset < kBlobBytes;) {
+        const auto n =
+            static_cast<std::size_t>(std::min<int64_t>(mv::kBlockSize, kBlobBytes - offset));
+        fillBlock(out.data(), offset, n);
+        if (!writeAll(fd, out.data(), n)) return;
+        offset += static_cast<int64_t>(n);
+      }
+    });
+    int64_t offset = 0;
+    bool same = true;
+    while (offset < kBlobBytes) {
+      const ssize_t n = ::recv(reader.fd(), in.data(), in.size(), 0);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      same = same && sampleMatches(in.data(), static_cast<std::size_t>(n), offset);
+      offset += n;
+    }
+    send.join();
+    if (offset != kBlobBytes || !same) {
+      fail(state, "copy differs");
+      break;
+    }
+  }
+  setRates(state, state.iterations() * kBlobBytes);
+}
+BENCHMARK(BM_TcpCopy)
+    ->Name("BM_Blob100MB/tcp_copy")
+    ->Iterations(kBlobIterations)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// Removed with everything in it when the run ends, however it ends short of a crash.
+struct TempFolder {
+  explicit TempFolder(stdfs::path p) : path(std::move(p)) {
+    std::error_code ec;
+    stdfs::remove_all(path, ec);
+    stdfs::create_directories(path, ec);
+  }
+  ~TempFolder() {
+    std::error_code ec;
+    stdfs::remove_all(path, ec);
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+  stdfs::path path;
+};
+
+int runAll(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+
+  const std::string tag = std::to_string(::getpid());
+  const TempFolder daemonFolder(stdfs::temp_directory_path() / ("mvcore-rpc-bench-daemon-" + tag));
+  const TempFolder embeddedFolder(stdfs::temp_directory_path() /
+                                  ("mvcore-rpc-bench-embedded-" + tag));
+  run.daemonFolder = daemonFolder.path;
+  run.embeddedFolder = embeddedFolder.path;
+
+  Daemon daemon;
+  if (!daemon.start(
+          {BOOKSERVERD, "--data", daemonFolder.path.string(), "--listen", "127.0.0.1:0"})) {
+    std::fprintf(stderr, "cannot start %s\n", BOOKSERVERD);
+    return 1;
+  }
+  run.port = daemon.waitForPort(20s);
+  if (run.port == 0) {
+    std::fprintf(stderr, "bookserverd did not start listening:\n%s", daemon.log().c_str());
+    return 1;
+  }
+  run.host = "127.0.0.1:" + std::to_string(run.port);
+
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+
+  // The servers before the daemon and the folders: sessions end cleanly, locks are let go.
+  run.remote.reset();
+  run.embedded.reset();
+  const std::optional<int> status = daemon.stop();
+  if (status != 0) {
+    std::fprintf(stderr, "bookserverd ended with status %d:\n%s", status.value_or(-1),
+                 daemon.log().c_str());
+    return 1;
+  }
+  return anyFailed ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Caught so that the daemon and the folders are cleaned up on the way out.
+  try {
+    return runAll(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "mvcore_rpc_bench: %s\n", e.what());
+    return 1;
+  }
+}
