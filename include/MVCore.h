@@ -400,6 +400,144 @@ MVAPI int MVGetROUserOfBS(int32_t shelfId, UserRec** list, int32_t* count); /* v
    administrator is refused. */
 MVAPI int MVDeleteUser(int32_t userId);
 
+/* ---------------------------------------------------------------------------------------------
+ * Bookshelves.
+ *
+ * A shelf is a named group of books and the unit of permissions. The shelf whose Attribute is 1
+ * is the discard shelf: books deleted from any other shelf go there. Names are compared byte
+ * for byte, so names that differ only in case are different shelves; a name longer than
+ * BookShelfName's 43 bytes is cut (at a character boundary) when read into a ShelfEntry.
+ * These exports count on the application holding the system database (MVOpenDB).
+ * ------------------------------------------------------------------------------------------- */
+
+/* Creates a shelf; `userName` gets read and write on it. A name that is taken gives -1 with no
+   message. A failure after the shelf was made leaves it (its id in `shelfId`). */
+MVAPI int MVCreateBookshelf(const char* shelfName, const char* userName, int32_t* shelfId);
+/* As MVCreateBookshelf, and every other user gets "neither right" (2) on the new shelf. */
+MVAPI int MVCreateBookshelf2(const char* shelfName, const char* userName, int32_t* shelfId);
+/* A new shelf with the permissions of `sourceShelfId` (none of its books); `userName` gets 1. */
+MVAPI int MVCopyBookshelfSurface(const char* newShelfName, int32_t sourceShelfId,
+                                 const char* userName, int32_t* shelfId);
+/* Renames a shelf; another shelf's name is not refused here. */
+MVAPI int MVChangeBookshelfName(const char* newName, int32_t shelfId, int32_t unused);
+/* Deletes an empty shelf and its permission rows; `userName` needs read and write on it. A shelf
+   with books, or an unknown name, shows a message and gives -1. */
+MVAPI int MVDeleteBookshelf(const char* shelfName, const char* userName);
+/* Every shelf with its book count, the discard shelf included; in display order once
+   MVSetBookShelfOrder has run (the discard shelf first, shelves never placed last). With no
+   shelf the result is 0 and `list` and `count` are left as they were. */
+MVAPI int MVGetAllBookshelf(ShelfEntry** list, int32_t* count);
+/* `rowCount` 1 for a shelf that exists, 0 for one that does not. */
+MVAPI int MVIsExistBS(int32_t shelfId, int32_t* rowCount);
+/* MVRegistUser, then "neither right" (2) for the new user on every shelf but the discard shelf;
+   0 once the user exists, even if a permission could not be written. */
+MVAPI int MVRegistUser2(const char* name, const char* password, int32_t* userId);
+
+/* ---------------------------------------------------------------------------------------------
+ * Books.
+ *
+ * A book is its own database on the server (named "BOOK" and the local time of its making as
+ * MMDDhhmmss: so at most one book a second), the copy of its cover in that database, the
+ * central copy whose T_Index is the book id, and the link that puts it on one shelf. A failure
+ * between two steps leaves the steps before it done.
+ * ------------------------------------------------------------------------------------------- */
+
+/* Makes a book on the shelf `shelfName` from the template named by cover->Reserve (empty: the
+   server's default template). Sets cover->BookName and cover->MakeDate (UTC), also when a later
+   step fails; `bookId` gets the id once the central cover exists. An unknown shelf or a template
+   that cannot be copied shows a message. */
+MVAPI int MVCreateBook(const char* shelfName, int32_t unused, CoverInfo* cover, int32_t* bookId);
+/* A new shelf holding copies of every book of `sourceShelfId`; only `userName` gets a
+   permission (1). */
+MVAPI int MVCopyBookshelf(const char* newShelfName, int32_t sourceShelfId, const char* userName,
+                          int32_t* shelfId);
+/* Copies the database `bookName` and the cover of `bookId` into a new book on `shelfId`. */
+MVAPI int MVCopyBook(int32_t unused1, int32_t shelfId, int32_t bookId, const char* bookName,
+                     int32_t unused2, int32_t* newBookId);
+/* `userName` needs read and write on `shelfId`. From an ordinary shelf the book moves to the
+   discard shelf (MVGetPrevBSID then tells where it came from); from the discard shelf it is
+   ended: database, cover and link are removed. -1 while another client holds the mutex named
+   by the book id. */
+MVAPI int MVDeleteBook(int32_t shelfId, int32_t bookId, const char* userName);
+/* Puts a book on `toShelfId`, last, and records `fromShelfId` as the shelf it came from. Bring
+   a discarded book back with MVMoveBook(discard shelf, MVGetPrevBSID's shelf, book, 0). */
+MVAPI int MVMoveBook(int32_t fromShelfId, int32_t toShelfId, int32_t bookId, int32_t unused);
+/* The covers of a shelf's books in display order. An empty shelf gives 0, a NULL list and a
+   count of 0. */
+MVAPI int MVGetAllCoverInfoInBS(int32_t shelfId, CoverInfo** list, int32_t* count);
+/* The number of books on a shelf; 0 when it cannot be counted (the result is still 0). */
+MVAPI int MVGetBookCntInBS(int32_t shelfId, int32_t* count);
+/* The shelf a book is on; 0 for a book on no shelf. */
+MVAPI int MVGetBookExistBSID(int32_t bookId, int32_t* shelfId);
+/* Id, Attribute and name of the shelf a book is on (BookCount is not filled). */
+MVAPI int MVGetBookExistBSInfo(int32_t bookId, ShelfEntry* entry);
+/* The shelf a book last came from; 0 for a book that never moved, and `shelfId` untouched for a
+   book with no link. */
+MVAPI int MVGetPrevBSID(int32_t bookId, int32_t* shelfId);
+/* `exists` 1 or 0; -1 only when the server cannot tell. */
+MVAPI int MVIsExistDB(const char* dbName, int32_t* exists);
+/* Removes a book's central cover and then its link, leaving its database (MVDeleteDB removes
+   that): for clearing what a failed creation or deletion left. */
+MVAPI int MVDeleteBookInfoRecord(int32_t bookId);
+
+/* ---------------------------------------------------------------------------------------------
+ * Covers.
+ *
+ * A cover is kept twice: centrally, where lists and searches read it, and in the book's own
+ * database. Dates: StartDate and EndDate are eight digits YYYYMMDD; MakeDate and Up_Date go out
+ * as 14 digits and come back as the server writes them.
+ * ------------------------------------------------------------------------------------------- */
+
+/* The central cover. Only the fields the server sends are written: clear the buffer first. */
+MVAPI int MVGetCoverInfo(int32_t bookId, CoverInfo* cover);
+/* Writes both copies. The central copy keeps its BookName, BookVer and MakeDate; the book's own
+   copy is found by cover->BookName, so pass a cover read for this very book. No date is changed
+   by the library: Up_Date goes out as the record holds it. */
+MVAPI int MVSetCoverInfo(int32_t bookId, const CoverInfo* cover);
+/* The cover as the book's own database holds it (T_Index is not filled). A book database with
+   no cover gives 0 and leaves the buffer alone. */
+MVAPI int MVGetBookDBCoverInfo(const char* dbName, CoverInfo* cover);
+
+/* ---------------------------------------------------------------------------------------------
+ * Searching covers, across all shelves (the discard shelf included).
+ *
+ * Results are lists of CoverInfo in the server's order, without BookVer and Reserve. No match
+ * gives 0, a NULL list and a count of 0. Apostrophes in texts are taken literally; '%' and '_'
+ * are wildcards.
+ * ------------------------------------------------------------------------------------------- */
+
+/* kind: 1 SiteName, 2 OrderName, 4 Spot, 8 StartDate or EndDate; exact non-zero compares the
+   whole text, 0 finds it anywhere in the column. Another kind gives -1. BookNo is not filled. */
+MVAPI int MVSearchBook(int32_t kind, const char* text, int32_t exact, CoverInfo** list,
+                       int32_t* count);
+/* Conditions joined by AND (joinMode 1) or OR (2). kind: 1 SiteName, 2 OrderName, 4 Spot,
+   16 Year, 32 BookNo, 64 SitePosition, 128 ContractCompany, 256 Prefectual, 512 Access (text
+   found anywhere in the column; an empty text is refused); 8 the period (start, end), which
+   finds the books whose works overlap it; 1024 StatureColor equal to `color`. -4 for bad
+   arguments, before anything is sent. */
+MVAPI int MVSearchBookEx(int16_t joinMode, const SearchCondition* conditions,
+                         int32_t conditionCount, CoverInfo** list, int32_t* count);
+
+/* ---------------------------------------------------------------------------------------------
+ * Display order and counters.
+ *
+ * Lower positions come first, ties by id; rows never placed come last. The first call adds the
+ * order column to a table that lacks it.
+ * ------------------------------------------------------------------------------------------- */
+
+/* Positions of shelves (id: shelf T_Index); the discard shelf always comes first. -4 for a NULL
+   array or a count below 1 (even without a link); else the server's status, 0 on success. */
+MVAPI int MVSetBookShelfOrder(const OrderEntry* entries, int32_t count);
+/* Positions of the books on a shelf (id: book id); results as MVSetBookShelfOrder. */
+MVAPI int MVSetBookOrder(int32_t shelfId, const OrderEntry* entries, int32_t count);
+/* A book's update counter, which only MVSetBookUpdateCounter raises: the application decides
+   which changes count. */
+MVAPI int MVGetBookUpdateCounter(const char* dbName, int32_t* counter);
+MVAPI int MVSetBookUpdateCounter(const char* dbName);
+/* The server's named counters: op 0 reads the counter into `value`; other ops are passed on. A
+   shelf cannot be created under a name whose counter is above 0. */
+MVAPI int MVSetCounter(const char* name, int32_t op, int32_t* value);
+
 #ifdef __cplusplus
 }
 #endif

@@ -278,8 +278,7 @@ int32_t BookServer::CheckColumn(BSTR dbName, BSTR tableName, BSTR columnName) {
 }
 
 int32_t BookServer::openSnapshot(const std::string& db, const std::string& sql,
-                                 const std::string& table, bool writable, int32_t* rowCount,
-                                 BSTR* handleOut) {
+                                 const std::string& table, int32_t* rowCount, BSTR* handleOut) {
   if (const int32_t pending = settle(); pending != kOk) return pending;
   int32_t status = kOk;
   auto database = this->database(db, &status);
@@ -288,7 +287,6 @@ int32_t BookServer::openSnapshot(const std::string& db, const std::string& sql,
   h.db = db;
   h.database = database;
   h.table = table;
-  h.writable = writable;
   std::string error;
   if (!database->query(withoutBlobs(sql, database->columns(table)), h.snapshot, error)) {
     if (!database->hasTable(table))
@@ -311,7 +309,7 @@ int32_t BookServer::ExecuteQuery(BSTR dbName, BSTR /*tableName*/, BSTR sql, int3
     return fail(kSqlRefused,
                 "SQL文を受け付けられません: " + (t.ok ? "読み出しではありません" : t.error));
   }
-  return openSnapshot(text(dbName), t.statements.front(), t.table, false, rowCount, handleOut);
+  return openSnapshot(text(dbName), t.statements.front(), t.table, rowCount, handleOut);
 }
 
 int32_t BookServer::OpenTableEx(BSTR dbName, BSTR /*tableName*/, BSTR sql, int32_t /*flag*/,
@@ -323,7 +321,7 @@ int32_t BookServer::OpenTableEx(BSTR dbName, BSTR /*tableName*/, BSTR sql, int32
     return fail(kSqlRefused,
                 "SQL文を受け付けられません: " + (t.ok ? "読み出しではありません" : t.error));
   }
-  return openSnapshot(text(dbName), t.statements.front(), t.table, true, rowCount, handleOut);
+  return openSnapshot(text(dbName), t.statements.front(), t.table, rowCount, handleOut);
 }
 
 int32_t BookServer::OpenTable(BSTR dbName, BSTR tableName, int32_t /*mode*/, int32_t* rowCount,
@@ -331,7 +329,7 @@ int32_t BookServer::OpenTable(BSTR dbName, BSTR tableName, int32_t /*mode*/, int
   if (const int32_t pending = settle(); pending != kOk) return pending;
   const std::string table = text(tableName);
   if (!validTable(table)) return fail(kMissingTable, "テーブル「" + table + "」がありません");
-  return openSnapshot(text(dbName), "SELECT * FROM \"" + table + "\" ORDER BY T_Index", table, true,
+  return openSnapshot(text(dbName), "SELECT * FROM \"" + table + "\" ORDER BY T_Index", table,
                       rowCount, handleOut);
 }
 
@@ -393,7 +391,6 @@ int32_t BookServer::writeRecord(BSTR dbName, VARIANT* record, bool add, int32_t*
   int32_t status = kOk;
   Handle* h = handle(std::string(after(elements[0], "TABLENAME=")), &status);
   if (!h) return status;
-  if (!h->writable) return fail(kReadOnlyHandle, "このハンドルからは書き込めません");
   if (h->db != text(dbName)) return fail(kBadHandle, "ハンドルは別のデータベースのものです");
   const std::vector<ResultColumn> columns = h->database->columns(h->table);
   ColumnValues values;
@@ -441,7 +438,6 @@ int32_t BookServer::DeleteRecord(BSTR /*dbName*/, BSTR handleText, int32_t tInde
   int32_t status = kOk;
   Handle* h = handle(text(handleText), &status);
   if (!h) return status;
-  if (!h->writable) return fail(kReadOnlyHandle, "このハンドルからは書き込めません");
   if (!h->database->rowExists(h->table, tIndex)) {
     return fail(kNoRow, "レコード(T_Index=" + std::to_string(tIndex) + ")がありません");
   }
@@ -458,7 +454,6 @@ int32_t BookServer::DeleteRecords(BSTR /*dbName*/, BSTR handleText, int32_t firs
   int32_t status = kOk;
   Handle* h = handle(text(handleText), &status);
   if (!h) return status;
-  if (!h->writable) return fail(kReadOnlyHandle, "このハンドルからは書き込めません");
   const auto& rows = h->snapshot.rows;
   if (firstRow < 0) firstRow = 0;
   const int64_t last = std::min<int64_t>(lastRow, static_cast<int64_t>(rows.size()) - 1);
@@ -497,7 +492,6 @@ int32_t BookServer::upLoadBytes(VARIANT* record, int32_t blockNo, const uint8_t*
   int32_t status = kOk;
   Handle* h = handle(handleText, &status);
   if (!h) return status;
-  if (!h->writable) return fail(kReadOnlyHandle, "このハンドルからは書き込めません");
   const std::string target = handleText + "/" + std::to_string(key) + "/" + column;
   if (data == nullptr || bytes < 0) return fail(kBadArgument, "ブロックの長さが正しくありません");
 

@@ -105,7 +105,6 @@ class BookServer final : public IBookServer {
     std::string db;
     std::shared_ptr<Database> database;
     std::string table;
-    bool writable = false;
     Snapshot snapshot;
   };
   // A blob arriving in blocks: the bytes wait in a staging file until the last block (or the
@@ -137,7 +136,7 @@ class BookServer final : public IBookServer {
   std::shared_ptr<Database> database(const std::string& name, int32_t* status);
   Handle* handle(const std::string& text, int32_t* status);
   int32_t openSnapshot(const std::string& db, const std::string& sql, const std::string& table,
-                       bool writable, int32_t* rowCount, BSTR* handleOut);
+                       int32_t* rowCount, BSTR* handleOut);
   int32_t writeRecord(BSTR dbName, VARIANT* record, bool add, int32_t* index);
   // Stores pending blobs; the first failure's status (0 if none).
   int32_t finishUploads();

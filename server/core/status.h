@@ -22,7 +22,6 @@ enum Status : int32_t {
   kDatabaseExists = 0x1008,
   kDatabaseInUse = 0x1009,
   kFileFailed = 0x100A,
-  kReadOnlyHandle = 0x100B,
   kNoTemplate = 0x100C,
   kLogonRefused = 0x100D,
   kBlockOutOfOrder = 0x100E,

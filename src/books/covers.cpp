@@ -2,7 +2,7 @@
 #include "books/covers.h"
 
 #include <algorithm>
-#include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -121,22 +121,8 @@ int writeCentralRow(const CoverInfo& cover, CoverWrite write, int32_t* index) {
   return closeWorkTable(kSystemDb, handle, 0);
 }
 
-std::string bookNameOf(const CoverInfo& cover) {
-  return std::string(cover.BookName, strnlen(cover.BookName, sizeof cover.BookName));
-}
-
-}  // namespace
-
-std::span<const FieldBinding> coverBindings() { return kCoverBindings; }
-
-std::vector<FieldBinding> coverBindingsWithout(std::initializer_list<std::string_view> columns) {
-  std::vector<FieldBinding> kept;
-  for (const FieldBinding& b : kCoverBindings) {
-    if (std::find(columns.begin(), columns.end(), b.column) == columns.end()) kept.push_back(b);
-  }
-  return kept;
-}
-
+// Binds a row of either table into `cover`, `bindings` choosing the columns; columns the row does
+// not hold keep what `cover` held. A Reserve too long for its field stops the reading there.
 void bindCover(const Row& row, std::span<const FieldBinding> bindings, CoverInfo& cover) {
   const auto tooLong = std::find_if(row.begin(), row.end(), [](const RowField& f) {
     return f.name == "Reserve" && f.value.size() >= sizeof(CoverInfo::Reserve);
@@ -147,6 +133,16 @@ void bindCover(const Row& row, std::span<const FieldBinding> bindings, CoverInfo
   }
   bindRow(Row(row.begin(), tooLong), bindings, &cover);
   showLibraryMessage(kTemplateNameTooLong);
+}
+
+}  // namespace
+
+std::vector<FieldBinding> coverBindingsWithout(std::initializer_list<std::string_view> columns) {
+  std::vector<FieldBinding> kept;
+  for (const FieldBinding& b : kCoverBindings) {
+    if (std::find(columns.begin(), columns.end(), b.column) == columns.end()) kept.push_back(b);
+  }
+  return kept;
 }
 
 int readCoverById(int32_t bookId, CoverInfo& cover) {
@@ -214,7 +210,8 @@ MVAPI int MVSetCoverInfo(int32_t bookId, const CoverInfo* cover) {
   if (mv::updateCentralRow(bookId, *cover) != 1) return -1;
   // The book's own row is found by the record's BookName, not by bookId. If this write fails the
   // two copies differ until the next successful call.
-  return mv::writeBookRow(mv::bookNameOf(*cover).c_str(), *cover, 0) == 1 ? 0 : -1;
+  return mv::writeBookRow(std::string(mv::fieldText(cover->BookName)).c_str(), *cover, 0) == 1 ? 0
+                                                                                               : -1;
 }
 
 MVAPI int MVGetBookDBCoverInfo(const char* dbName, CoverInfo* cover) {

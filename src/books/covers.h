@@ -16,7 +16,6 @@
 
 #include <cstdint>
 #include <initializer_list>
-#include <span>
 #include <string_view>
 #include <vector>
 
@@ -28,13 +27,8 @@ namespace mv {
 inline constexpr char kCoverTable[] = "BookCommonTBL";
 inline constexpr char kBookCoverTable[] = "UserBookTbl";
 
-// Every column of a cover that lands in a CoverInfo, by name; and all of them but `columns`.
-std::span<const FieldBinding> coverBindings();
+// Every column of a cover that lands in a CoverInfo but `columns`, by name.
 std::vector<FieldBinding> coverBindingsWithout(std::initializer_list<std::string_view> columns);
-
-// Binds a row of either table into `cover`, `bindings` choosing the columns. Columns the row does
-// not hold keep what `cover` held.
-void bindCover(const Row& row, std::span<const FieldBinding> bindings, CoverInfo& cover);
 
 // The central copy of book `bookId` into `cover`. A book with no row fails without a code.
 int readCoverById(int32_t bookId, CoverInfo& cover);

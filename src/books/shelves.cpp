@@ -80,11 +80,9 @@ int deleteShelf(const char* shelfName, const char* userName) {
 
 int listShelves(ShelfEntry** list, int32_t* count) {
   WorkQuery query(kSystemDb);
-  // A table that never got OrderNo refuses the ordered query; the plain one is the fallback, and
-  // only its failure counts.
-  if (query.open(kShelfTable, sqlFormat("SELECT * FROM %s ORDER BY OrderNo, T_Index;",
-                                        kShelfTable)) != 0 &&
-      failed(query.open(kShelfTable, sqlFormat("SELECT * FROM %s;", kShelfTable)))) {
+  if (!openInDisplayOrder(query, kShelfTable,
+                          sqlFormat("SELECT * FROM %s ORDER BY OrderNo, T_Index;", kShelfTable),
+                          sqlFormat("SELECT * FROM %s;", kShelfTable))) {
     return -1;
   }
   if (query.rowCount() <= 0) return query.close() == 1 ? 0 : -1;  // the out arguments stay
@@ -109,6 +107,11 @@ TableDef withoutOrderNo(const TableDef& table) {
   return orderNo == 0 ? table : TableDef{table.db, table.name, table.columns.first(orderNo - 1)};
 }
 
+bool openInDisplayOrder(WorkQuery& query, const char* table, const std::string& ordered,
+                        const std::string& plain) {
+  return query.open(table, ordered) == 0 || !failed(query.open(table, plain));
+}
+
 int addShelfRow(const char* name, int32_t* shelfId) {
   IBookServer* server = connection().currentServer;
   if (server == nullptr || name == nullptr || shelfId == nullptr) return 0;
@@ -122,10 +125,7 @@ int addShelfRow(const char* name, int32_t* shelfId) {
     query.close();
     return 0;  // the name is taken
   }
-  if (failed(query.reopenTable(kShelfTable))) {
-    query.abandon();
-    return 0;
-  }
+  // The row goes in through the handle of the query that found the name free.
   const TableDef& table = shelfTable();
   RecordWriter record(query.handle(), addRecordFields(table, KeyElement::Zero));
   const bool built =
@@ -174,9 +174,9 @@ Lookup readShelf(int32_t shelfId, ShelfEntry& entry) {
     }
   }
   Row row;
-  const Lookup found = lookupFirstRow(
-      kSystemDb, kShelfTable, sqlFormat("SELECT * FROM BookShelfTBL WHERE T_Index='%d'", shelfId),
-      row);
+  const Lookup found =
+      lookupFirstRow(kSystemDb, kShelfTable,
+                     sqlFormat("SELECT * FROM BookShelfTBL WHERE T_Index='%d'", shelfId), row);
   if (found == Lookup::Found) bindRow(row, kShelfBindings, &entry);
   return found;
 }

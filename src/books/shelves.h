@@ -12,11 +12,11 @@
 //   boundary when read into an entry; nothing is ever written past the field.
 // - Apostrophes in names are doubled in every quoted literal, so such names are stored, found
 //   and refused as duplicates like any other.
-// - Rows are added and deleted through a handle of the whole table (the result of the duplicate
-//   test is closed and the table opened), as servers refuse writes through a query's result.
+// - A new shelf's row is added through the handle of the query that found its name free.
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "MVCore.h"
 #include "frame/catalogue.h"
@@ -38,6 +38,11 @@ inline constexpr int32_t kNoPosition = 2147483647;
 // The table as the records that add and update its rows lay it out: the catalogue's columns
 // without OrderNo, which older servers lack until the library adds it.
 TableDef withoutOrderNo(const TableDef& table);
+
+// Opens a list in display order. `ordered` sorts by OrderNo, which a table that never got the
+// column refuses: then `plain` is asked instead, and only its failure counts (in lastError).
+bool openInDisplayOrder(WorkQuery& query, const char* table, const std::string& ordered,
+                        const std::string& plain);
 
 // Adds a shelf row named `name`: refused (0, lastError untouched) while the server's counter of
 // that name is above 0 or a shelf of exactly that name (byte for byte) exists. `*shelfId` gets

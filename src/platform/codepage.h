@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -32,5 +33,11 @@ std::string_view cutToBytes(std::string_view text, std::size_t maxBytes);
 // Copies `text` into a fixed field of `width` bytes (width counts the terminator): cut at a
 // character boundary, zero-terminated, never written past. Nothing is written if width is 0.
 void copyToField(char* field, std::size_t width, std::string_view text);
+
+// The text of a fixed field of a caller's record, which may fill the field without a terminator.
+template <std::size_t N>
+std::string_view fieldText(const char (&field)[N]) {
+  return std::string_view(field, strnlen(field, N));
+}
 
 }  // namespace mv
