@@ -538,6 +538,212 @@ MVAPI int MVSetBookUpdateCounter(const char* dbName);
    shelf cannot be created under a name whose counter is above 0. */
 MVAPI int MVSetCounter(const char* name, int32_t op, int32_t* value);
 
+/* ---------------------------------------------------------------------------------------------
+ * Tags, pages, tag attributes and views.
+ *
+ * A tag is two rows of the book's database: its page (TagPageTBL), whose T_Index is the tag's
+ * identity (tagIndex), and its display row (TagDispTBL, key dispIndex), which points to the page
+ * through TagID. Both rows are written by one export, page first; a failure between the two
+ * steps leaves the first done. The library gives UpTagID, Relation, T_Order, Attribute and the
+ * carried page fields no meaning: it stores what it is given and hands it back in the server's
+ * order. Each export opens and closes the book's database itself unless MVOpenDBEx holds one.
+ *
+ * Texts: a text that goes to the server is taken up to its terminator or the end of its field
+ * and cut at a character boundary to what its field holds with a terminator (TagName 31 bytes,
+ * the 256-byte fields 255, the 64-byte fields 63); newName and option are cut the same way to
+ * their fields. keyLine goes as it is. A text read into a record is cut at a character boundary
+ * to fit its field and always terminated. A NULL pointer argument gives -1 with no server call.
+ * ------------------------------------------------------------------------------------------- */
+
+/* The display rows of all tags, as a movable block of TagDispRecord handed over by its handle,
+   unlocked: lock it to read, free it with MVGlobalFree. An empty tree gives 0, a block of no
+   records and a count of 0; a failure gives -1 with `block` NULL and `count` 0. */
+MVAPI int MVGetAllTag(const char* databaseName, MVHGLOBAL* block, int32_t* count);
+/* The same for the pages, as TagInfoRecord; Attribute is 0 in every record. */
+MVAPI int MVGetAllTagInfo(const char* databaseName, MVHGLOBAL* block, int32_t* count);
+/* Makes a tag: the page from `info` (T_Index, Up_DateCounter and Attribute are not sent to it),
+   then the display row with info's TagName, Attribute and Relation, T_Order 0 and `upTagID`.
+   `tagIndex` is 0 after a failure; if the display row failed the page row stays. */
+MVAPI int MVCreateTag(const char* databaseName, TagInfoRecord info, int32_t upTagID,
+                      int32_t* tagIndex, int32_t* dispIndex);
+/* Renames the page, then the display row. */
+MVAPI int MVChangeTagName(const char* databaseName, int32_t tagIndex, const char* newName,
+                          int32_t dispIndex);
+/* Sets T_Order of the display row; leaves lastError as it was on entry. */
+MVAPI int MVChangeTagOrder(const char* databaseName, int32_t tagIndex, int32_t dispIndex,
+                           int32_t order);
+/* Deletes the page, the display row and the image rows of the tag, in this order; child tags and
+   attribute values stay. An unknown tagIndex gives -1 with lastError 0. */
+MVAPI int MVDeleteTag(const char* databaseName, int32_t tagIndex, int32_t dispIndex);
+
+/* Reads the page into `info` (not cleared first; Attribute untouched). On a failure `info` is
+   untouched. */
+MVAPI int MVGetTag(const char* databaseName, int32_t tagIndex, TagInfoRecord* info);
+/* Rewrites both rows as MVCreateTag writes them (T_Order and Up_DateCounter go as 0). A missing
+   page or display row gives -1 with lastError 0. */
+MVAPI int MVChangeTagInfo(const char* databaseName, TagInfoRecord info, int32_t upTagID,
+                          int32_t tagIndex, int32_t dispIndex);
+MVAPI int MVChangePageCount(const char* databaseName, int32_t tagIndex, int32_t pageCount);
+MVAPI int MVChangeAppParam(const char* databaseName, int32_t tagIndex, const char* option);
+/* Sends `keyLine` ("KEY=" column TAB typecode TAB value) to the page row of tagIndex, through a
+   handle opened on `tableName`. */
+MVAPI int MVChangeFieldData(const char* databaseName, const char* tableName, int32_t tagIndex,
+                            const char* keyLine);
+/* The tag's update counter, which only MVSetTagUpdateCounter raises. */
+MVAPI int MVGetTagUpdateCounter(const char* databaseName, int32_t tagIndex, int32_t* counter);
+MVAPI int MVSetTagUpdateCounter(const char* databaseName, int32_t tagIndex);
+
+/* Attribute values of tags: -1 on a failure with the code in lastError: 103 no link, 126 an add
+   on a T_Index that exists, 100 a list whose `count` is below the rows found (`count` then holds
+   that number and nothing is read), else the server's. The first add into a book without the
+   table makes it. An add stores the new key in info->T_Index. */
+MVAPI int MVAddTagAttribute(const char* databaseName, TagAttributeRecord* info);
+MVAPI int MVUpdateTagAttribute(const char* databaseName, TagAttributeRecord* info);
+/* The values of one tag into `records` (NULL allowed with `*count` 0); `count` in: the array's
+   size, out: the rows read. A row that cannot be read ends the list without a failure. */
+MVAPI int MVGetTagAttributeList(const char* databaseName, int32_t tagPageID,
+                                TagAttributeRecord* records, int32_t* count);
+MVAPI int MVDeleteTagAttribute(const char* databaseName, int32_t tIndex);
+
+/* Views, in the system database: every export returns 0 or a code, also left in lastError: 103
+   no link, 126 an add on a T_Index that exists, 100 a list whose `count` is below the rows found
+   (`count` then holds that number: call with 0 to learn it), else the server's code; -1 for a
+   NULL argument. An add into a database that lacks the table, and a list of ViewAttributeTBL or
+   ViewManageTBL, make the table. Names are matched without regard to case on reading. Lists
+   come in the server's order; a list whose reading fails part-way gives the rows read in
+   `records` and their number in `count` (MVGetViewItemList leaves an unreadable row out and goes
+   on). A close that fails after a good write gives its code; the add's key is stored all the
+   same. Nothing is deleted in cascade. */
+MVAPI int MVAddViewAttribute(ViewAttributeRecord* info);
+MVAPI int MVUpdateViewAttribute(ViewAttributeRecord* info);
+MVAPI int MVGetViewAttribute(int32_t tIndex, ViewAttributeRecord* info);
+MVAPI int MVGetViewAttributeList(ViewAttributeRecord* records, int32_t* count);
+MVAPI int MVDeleteViewAttribute(int32_t tIndex);
+MVAPI int MVAddViewItem(ViewItemRecord* info);
+MVAPI int MVUpdateViewItem(ViewItemRecord* info);
+MVAPI int MVGetViewItem(int32_t tIndex, ViewItemRecord* info);
+MVAPI int MVGetViewItemList(int32_t parentID, ViewItemRecord* records, int32_t* count);
+MVAPI int MVDeleteViewItem(int32_t tIndex);
+MVAPI int MVAddViewManage(ViewManageRecord* info);
+MVAPI int MVUpdateViewManage(ViewManageRecord* info);
+MVAPI int MVGetViewManage(int32_t tIndex, ViewManageRecord* info);
+MVAPI int MVGetViewManageList(ViewManageRecord* records, int32_t* count);
+MVAPI int MVDeleteViewManage(int32_t tIndex);
+MVAPI int MVAddViewData(ViewDataRecord* info);
+MVAPI int MVUpdateViewData(ViewDataRecord* info);
+MVAPI int MVGetViewData(int32_t tIndex, ViewDataRecord* info);
+MVAPI int MVGetViewDataList(int32_t parentID, ViewDataRecord* records, int32_t* count);
+MVAPI int MVDeleteViewData(int32_t tIndex);
+
+/* ---------------------------------------------------------------------------------------------
+ * Images: rows of the book's ImageDataTBL whose bytes (RealityData) move between a local file
+ * and the server in blocks of 307,200 bytes; electronic-delivery rows (TagID 0, grouped by
+ * GroupNo) in the same table; and a tag's image files kept as plain files in the folder that the
+ * server shares for the tag.
+ *
+ * Rows. Each export opens and closes the book's database itself unless MVOpenDBEx holds one
+ * (MVSetImageUpdateCounter and MVSetImageVariousData open and close it in any case), and clears
+ * lastError on entry. A NULL pointer argument gives -1 with no server call. Lists are movable
+ * blocks handed over by their handle, unlocked: lock to read, free with MVGlobalFree; no row
+ * gives 0 with `count` 0 and `block` untouched. Texts sent: ImageDataInfo is cut at a character
+ * boundary to 239 bytes, Various to 245 (what a 260-byte record element holds); texts read are
+ * cut to fit their fields and always terminated. `tableName` must be a plain table name
+ * (letters, digits, '_'), else -1.
+ *
+ * Uploads. A local file that does not exist is created empty. The file's last-write time goes
+ * with the bytes (as local time) and comes back as the downloaded file's times. An insert sends
+ * a last, possibly empty, block; an update of an empty file sends nothing and keeps the bytes.
+ * An insert whose file cannot be opened, or whose blocks fail, leaves the new row (its key in
+ * info->T_Index) with the bytes sent so far.
+ *
+ * Downloads. The local file is created or emptied first, so that it ends with exactly the row's
+ * bytes: an older, longer file keeps no tail. A failed write stops the download with -1 and
+ * lastError 0x70 (112) when the disk is full, 0x1D (29) for another write failure; what was
+ * written stays.
+ * ------------------------------------------------------------------------------------------- */
+
+/* The images of a tag: ImageInfoRecord (MVGetImageInfo) or ImageInfoRecordEX records. */
+MVAPI int MVGetImageInfo(const char* databaseName, int32_t tagID, MVHGLOBAL* block,
+                         int32_t* count);
+MVAPI int MVGetImageInfoEX(const char* databaseName, int32_t tagID, MVHGLOBAL* block,
+                           int32_t* count);
+/* Adds a row for the tag (Up_DateCounter 0) with the file's bytes; the new key goes to
+   info->T_Index (0 when the row could not be added). While MVOpenTBLEx holds its ImageDataTBL
+   handle, the insert writes through it. MVInsertImageData sends an empty Various. */
+MVAPI int MVInsertImageData(const char* databaseName, int32_t tagID, ImageInfoRecord* info,
+                            const char* localPath);
+MVAPI int MVInsertImageDataEX(const char* databaseName, int32_t tagID, ImageInfoRecordEX* info,
+                              const char* localPath);
+/* Replaces the bytes of row tIndex of `tableName` and writes info's Up_DateCounter and
+   Attribute; ImageDataInfo and Various are not sent. A missing row gives -1 with lastError 0. */
+MVAPI int MVUpDateImageData(const char* databaseName, const char* tableName, int32_t tIndex,
+                            const char* localPath, ImageInfoRecord* info);
+MVAPI int MVUpDateImageDataEX(const char* databaseName, const char* tableName, int32_t tIndex,
+                              const char* localPath, ImageInfoRecordEX* info);
+/* Writes the bytes of row tIndex to `localPath` and stamps the stored file date on it. */
+MVAPI int MVDownLoadImageData(const char* databaseName, const char* tableName, int32_t tIndex,
+                              const char* localPath);
+/* A missing row gives -1 with lastError 0 in these four (the two setters send no update). */
+MVAPI int MVDeleteImageData(const char* databaseName, int32_t tIndex);
+MVAPI int MVGetImageUpdateCounter(const char* databaseName, int32_t tIndex, int32_t* counter);
+MVAPI int MVSetImageUpdateCounter(const char* databaseName, int32_t tIndex, int32_t counter);
+MVAPI int MVSetImageVariousData(const char* databaseName, int32_t tIndex, const char* various);
+
+/* Files on the share. The server names the tag's folder: index.bif in it, the image files in
+   "IndexFile" (kind 1), the electronic-delivery files in "EL" (kind 2). index.bif is text: a
+   first line "[DataCnt],<count>", then one line per file "[Data],<name>,<Attribute>,<Various>,
+   <Up_DateCounter>", lines ending in LF or CR LF, empty lines skipped; a missing or unreadable
+   count is 0. These exports do not clear lastError; a failure to get the share folder gives the
+   export's failure value without a code. `shareClient` is passed to the server as it is.
+   Insert and update copy the files of `sourceFolder` that have an extension (not its folders,
+   not names that begin with '.'), replacing; index.bif, in any case of letters, goes to the tag
+   folder under the name "index.bif". All copies are made writable. */
+/* Replaces the data folder of `kind` (1 or 2) as a whole; a missing sourceFolder changes
+   nothing. -1 for another kind or at the first failed copy (the folder then holds the files
+   copied so far). */
+MVAPI int MVInsertImageDataEX2(const char* databaseName, int32_t tagIndex,
+                               const char* sourceFolder, int32_t kind, const char* shareClient);
+/* Overlays the data folder of `kind`: its files that sourceFolder lacks stay. The folder is
+   first copied to "IndexFile_Old" or "EL_Old"; if the overlay fails, the copy is put back, and
+   else removed. A tag without its data folder fails at the first data file. */
+MVAPI int MVUpDateImageDataEx2(const char* databaseName, int32_t tagIndex,
+                               const char* sourceFolder, int32_t kind, const char* shareClient);
+/* Copies to `localFolder` (which is not emptied): kind 0 the files of "IndexFile" whose
+   Attribute in index.bif is 1 or 5 (no index.bif: nothing, 0; a count of 0: -1), kind 1 all of
+   "IndexFile", kind 2 all of "EL", kind 3 none; then index.bif if the share has one. */
+MVAPI int MVDownLoadImageData2(const char* databaseName, int32_t tagIndex,
+                               const char* localFolder, int32_t kind, const char* shareClient);
+/* Deletes `fileName` from "EL" and from "IndexFile" where it is; a file in neither is no
+   failure. */
+MVAPI int MVDeleteImageData2(const char* databaseName, int32_t tagIndex, const char* fileName,
+                             const char* shareClient);
+/* Deletes the tag's page and display rows (not its image rows), then empties its share folder.
+   The folder is kept when the rows could not be deleted; without the share folder the rows go
+   and the result is -1. Clears lastError on entry. */
+MVAPI int MVDeleteTag2(const char* databaseName, int32_t tagIndex, int32_t dispIndex,
+                       const char* shareClient);
+/* 1 if the local copy must be fetched again: the share has an index.bif and localFolder none;
+   or the share's count is above the local count or above the number of local files with an
+   extension (index.bif not counted); or a line of the share's index.bif has a higher
+   Up_DateCounter than the local line at the same position. Else 0, also on a failure. */
+MVAPI int MVIsImageFilesUpdated(const char* databaseName, int32_t tagIndex,
+                                const char* localFolder, const char* shareClient);
+/* 0 if a folder can be made and removed in the share folder of key 20, else -2. */
+MVAPI int MVCheckIsAccessNetData(const char* shareClient, const char* databaseName);
+
+/* Electronic-delivery rows: MVGetELImageInfo lists group 9999 as ImageInfoRecord,
+   MVGetELImageInfoEX the group `groupNo` as ImageInfoRecordEX. An insert writes TagID 0 and the
+   group, through a handle of its own (never the one MVOpenTBLEx holds), and stamps no file
+   date. A delete of a missing row is no failure. */
+MVAPI int MVGetELImageInfo(const char* databaseName, MVHGLOBAL* block, int32_t* count);
+MVAPI int MVGetELImageInfoEX(const char* databaseName, MVHGLOBAL* block, int32_t* count,
+                             int32_t groupNo);
+MVAPI int MVInsertELImageData(const char* databaseName, ImageInfoRecord* info,
+                              const char* localPath, int32_t groupNo);
+MVAPI int MVInsertELImageDataEX(const char* databaseName, ImageInfoRecordEX* info,
+                                const char* localPath, int32_t groupNo);
+MVAPI int MVDeleteELData(const char* databaseName, int32_t tIndex);
+
 #ifdef __cplusplus
 }
 #endif

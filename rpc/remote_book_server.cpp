@@ -2,6 +2,7 @@
 
 #include <capnp/message.h>
 #include <capnp/rpc-twoparty.h>
+#include <capnp/serialize-async.h>
 #include <kj/async-io.h>
 #include <kj/compat/tls.h>
 #include <netinet/in.h>
@@ -9,7 +10,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <iterator>
 #include <new>
@@ -60,6 +63,10 @@ std::string key(capnp::Data::Reader bytes) {
   return std::string(reinterpret_cast<const char*>(bytes.begin()), bytes.size());
 }
 
+capnp::Data::Reader keyBytes(const std::string& key) {
+  return {reinterpret_cast<const capnp::byte*>(key.data()), key.size()};
+}
+
 // Element texts naming a table handle start with this, in the wire's UTF-16LE.
 constexpr char16_t kTableNamePrefix[] = u"TABLENAME=";
 
@@ -101,6 +108,109 @@ void tuneSocket(int fd, const KeepAlive& k) {
   (void)::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
+// Buffers for the answers of a download being read ahead. Each incoming message would get a
+// fresh buffer of a block's size, and the allocator hands buffers that large back to the kernel
+// when they are freed, so every block paid again for faulting its pages in: more than reading it
+// off the socket. While a download is read ahead, its answers land in buffers kept from earlier
+// ones instead; a few at most are kept, and none once the download is over.
+class BlockBuffers {
+ public:
+  // Buffers of `words` from now on, `keep` of them kept when they come back.
+  void open(std::size_t words, std::size_t keep) {
+    if (words != words_) spare_.clear();
+    words_ = words;
+    keep_ = keep;
+  }
+  void close() {
+    words_ = 0;
+    spare_.clear();
+  }
+  bool active() const { return words_ != 0; }
+
+  kj::Array<capnp::word> take() {
+    if (spare_.empty()) return kj::heapArray<capnp::word>(words_);
+    kj::Array<capnp::word> b = kj::mv(spare_.back());
+    spare_.pop_back();
+    return b;
+  }
+  void give(kj::Array<capnp::word> b) {
+    if (b.size() == words_ && spare_.size() < keep_) spare_.push_back(kj::mv(b));
+  }
+
+ private:
+  std::size_t words_ = 0;
+  std::size_t keep_ = 0;
+  std::vector<kj::Array<capnp::word>> spare_;
+};
+
+// The connection's messages, read into BlockBuffers while they are open. A message too large
+// for its buffer is read the usual way into one of its own.
+//
+// Cap'n Proto's MessageStream has virtual functions but no virtual destructor; this one is only
+// ever a member, never deleted through the base.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+class ReusingMessageStream final : public capnp::MessageStream {
+ public:
+  ReusingMessageStream(kj::AsyncIoStream& stream, std::shared_ptr<BlockBuffers> buffers)
+      : inner_(stream), buffers_(std::move(buffers)) {}
+
+  kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> tryReadMessage(
+      kj::ArrayPtr<kj::AutoCloseFd> fdSpace, capnp::ReaderOptions options,
+      kj::ArrayPtr<capnp::word> scratchSpace) override {
+    if (!buffers_->active() || scratchSpace.size() != 0) {
+      return inner_.tryReadMessage(fdSpace, options, scratchSpace);
+    }
+    kj::Array<capnp::word> buffer = buffers_->take();
+    const kj::ArrayPtr<capnp::word> space = buffer;
+    return inner_.tryReadMessage(fdSpace, options, space)
+        .then([buffers = buffers_,
+               buffer = kj::mv(buffer)](kj::Maybe<capnp::MessageReaderAndFds>&& message) mutable {
+          KJ_IF_MAYBE (m, message) {
+            // Back once the message is let go of, and not before: its reader points into it.
+            m->reader = kj::mv(m->reader).attach(
+                kj::defer([buffers, b = kj::mv(buffer)]() mutable { buffers->give(kj::mv(b)); }));
+          }
+          return kj::mv(message);
+        });
+  }
+  kj::Promise<void> writeMessage(
+      kj::ArrayPtr<const int> fds,
+      kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) override {
+    return inner_.writeMessage(fds, segments);
+  }
+  kj::Promise<void> writeMessages(
+      kj::ArrayPtr<kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>>> messages) override {
+    return inner_.writeMessages(messages);
+  }
+  kj::Maybe<int> getSendBufferSize() override { return inner_.getSendBufferSize(); }
+  kj::Promise<void> end() override { return inner_.end(); }
+
+ private:
+  capnp::AsyncIoMessageStream inner_;
+  std::shared_ptr<BlockBuffers> buffers_;
+};
+#pragma GCC diagnostic pop
+
+// What TwoPartyClient is, over a ReusingMessageStream.
+struct RpcClient {
+  RpcClient(kj::AsyncIoStream& stream, std::shared_ptr<BlockBuffers> buffers)
+      : messages(stream, std::move(buffers)),
+        network(messages, capnp::rpc::twoparty::Side::CLIENT),
+        system(capnp::makeRpcClient(network)) {}
+
+  capnp::Capability::Client bootstrap() {
+    capnp::MallocMessageBuilder message(8);
+    auto vat = message.initRoot<capnp::rpc::twoparty::VatId>();
+    vat.setSide(capnp::rpc::twoparty::Side::SERVER);
+    return system.bootstrap(vat);
+  }
+
+  ReusingMessageStream messages;
+  capnp::TwoPartyVatNetwork network;
+  capnp::RpcSystem<capnp::rpc::twoparty::VatId> system;
+};
+
 void putInt(int32_t* p, int32_t v) {
   if (p != nullptr) *p = v;
 }
@@ -129,6 +239,39 @@ struct RemoteBookServer::Link {
     capnp::List<::Row>::Reader rows;
   };
 
+  using BlockAnswer = capnp::Response<::BookServer::DownLoadDataResults>;
+
+  // One block asked for before the library asked for it. Its answer, or why none came, is kept
+  // as it arrives for the DownLoadData call that asks for the block.
+  struct Ahead {
+    int32_t blockNo = 0;
+    kj::Maybe<BlockAnswer> answer;
+    kj::Maybe<kj::Exception> error;
+    kj::Promise<void> arrival = nullptr;  // last: it goes before what it writes to
+
+    // Whether nothing after this block is worth asking for: the data ended here, or the block
+    // failed (the library stops at a failure too).
+    bool closes() const {
+      if (error != nullptr) return true;
+      KJ_IF_MAYBE (a, answer) {
+        return a->getStatus() != 0 || !a->getBlock().getPresent() || a->getIsEnd() == 1;
+      }
+      return false;
+    }
+  };
+
+  // The download being read ahead: the library last asked for block `asked` of it, and blocks
+  // asked + 1 .. sent are on their way, in order, in `pending`.
+  struct Download {
+    std::string db, handle, column;
+    int32_t rowIndex = 0;
+    int32_t blockSize = 0;
+    int32_t asked = 0;
+    int32_t sent = 0;
+    bool closed = false;  // an answer that ends the data or fails has come: nothing more is sent
+    std::deque<std::unique_ptr<Ahead>> pending;
+  };
+
   ServerEndpoint endpoint;
   RemoteOptions options;
   KeepAlive keepAlive;
@@ -138,11 +281,14 @@ struct RemoteBookServer::Link {
   kj::Own<kj::TlsContext> tls;
   kj::Own<kj::AsyncIoStream> stream;
   int fd = -1;  // the TCP socket under `stream`
-  kj::Own<capnp::TwoPartyClient> rpc;
+  std::shared_ptr<BlockBuffers> buffers = std::make_shared<BlockBuffers>();
+  kj::Own<RpcClient> rpc;
   kj::Maybe<::BookServer::Client> server;
   kj::Maybe<kj::Promise<void>> watch;
   bool broken = false;
   std::unordered_map<std::string, Batch> batches;
+  // Declared after the connection so that its requests are cancelled while there is one.
+  std::unique_ptr<Download> download;
 
   kj::WaitScope& waitScope() { return io->io.waitScope; }
 
@@ -151,7 +297,10 @@ struct RemoteBookServer::Link {
   bool ready() {
     if (broken || server == nullptr) return false;
     waitScope().poll();
-    if (broken) batches.clear();
+    if (broken) {
+      batches.clear();
+      endDownload();
+    }
     return !broken;
   }
 
@@ -159,8 +308,54 @@ struct RemoteBookServer::Link {
     if (e.getType() == kj::Exception::Type::DISCONNECTED) {
       broken = true;
       batches.clear();
+      endDownload();
     }
     return kStatusCallFailed;
+  }
+
+  void endDownload() {
+    download.reset();
+    buffers->close();
+  }
+
+  // Whether the library's call asks for exactly the block that comes next in the download being
+  // read ahead.
+  bool follows(capnp::Data::Reader db, capnp::Data::Reader handle, capnp::Data::Reader column,
+               int32_t rowIndex, int32_t blockNo, int32_t blockSize) const {
+    if (!download || download->pending.empty()) return false;
+    const Download& d = *download;
+    return d.pending.front()->blockNo == blockNo && d.rowIndex == rowIndex &&
+           d.blockSize == blockSize && d.handle == key(handle) && d.column == key(column) &&
+           d.db == key(db);
+  }
+
+  // Sends requests for the blocks after the last one sent, up to options.readAhead past the one
+  // the library asked for last, unless an answer already in says there is nothing more to ask.
+  void requestAhead() {
+    Download& d = *download;
+    for (const auto& a : d.pending) d.closed = d.closed || a->closes();
+    KJ_IF_MAYBE (s, server) {
+      const int64_t limit =
+          std::min<int64_t>(int64_t{d.asked} + options.readAhead, int64_t{INT32_MAX});
+      while (!d.closed && d.sent < limit) {
+        auto q = s->downLoadDataRequest();
+        q.setDbName(keyBytes(d.db));
+        q.setHandle(keyBytes(d.handle));
+        q.setColumnName(keyBytes(d.column));
+        q.setRowIndex(d.rowIndex);
+        q.setBlockNo(d.sent + 1);
+        q.setBlockSize(d.blockSize);
+        auto a = std::make_unique<Ahead>();
+        a->blockNo = d.sent + 1;
+        Ahead* at = a.get();
+        a->arrival = q.send()
+                         .then([at](BlockAnswer&& r) { at->answer = kj::mv(r); },
+                               [at](kj::Exception&& e) { at->error = kj::mv(e); })
+                         .eagerlyEvaluate(nullptr);
+        d.pending.push_back(std::move(a));
+        ++d.sent;
+      }
+    }
   }
 
   void keepRows(std::string handle, capnp::Data::Reader db, int32_t first,
@@ -200,6 +395,7 @@ struct RemoteBookServer::Link {
   void shutdown() noexcept {
     QuietKj quiet;
     quietly([this] { batches.clear(); });
+    quietly([this] { endDownload(); });
     quietly([this] { watch = nullptr; });
     quietly([this] { server = nullptr; });
     quietly([this] { rpc = nullptr; });
@@ -291,14 +487,14 @@ int32_t RemoteBookServer::connect(std::string& error) {
     }
 
     stage = kStatusAccessDenied;
-    l.rpc = kj::heap<capnp::TwoPartyClient>(*l.stream);
+    l.rpc = kj::heap<RpcClient>(*l.stream, l.buffers);
     auto login = l.rpc->bootstrap().castAs<::Gate>().loginRequest();
     login.setToken(ep.token);
     auto answer =
         timer.timeoutAt(deadline, kj::Promise<capnp::Response<::Gate::LoginResults>>(login.send()))
             .wait(l.waitScope());
     l.server = answer.getServer();
-    l.watch = l.rpc->onDisconnect()
+    l.watch = l.rpc->network.onDisconnect()
                   .then([&l]() { l.broken = true; }, [&l](kj::Exception&&) { l.broken = true; })
                   .eagerlyEvaluate(nullptr);
     return 0;
@@ -325,6 +521,8 @@ int32_t RemoteBookServer::call(Make&& make, Read&& read) {
   QuietKj quiet;
   Link& l = *link_;
   try {
+    // Whatever this call is, the library has stopped reading the download ahead of it.
+    l.endDownload();
     if (!l.ready()) return kStatusServerUnavailable;
     KJ_IF_MAYBE (server, l.server) {
       auto request = make(*server);
@@ -428,6 +626,7 @@ int32_t RemoteBookServer::GetRecords(BSTR dbName, BSTR handle, int32_t rowIndex,
   {
     QuietKj quiet;
     try {
+      l.endDownload();
       // A held row is only as good as the link: a caller must learn of a lost server on the
       // next call whatever it asks for.
       if (!l.ready()) return kStatusServerUnavailable;
@@ -607,7 +806,62 @@ int32_t RemoteBookServer::UpdateRecord(BSTR dbName, VARIANT* record, int32_t rec
 int32_t RemoteBookServer::DownLoadData(BSTR dbName, BSTR handle, BSTR columnName, int32_t rowIndex,
                                        int32_t blockNo, int32_t blockSize, VARIANT* block,
                                        int32_t* isEnd, int32_t* bytes) {
-  return call(
+  Link& l = *link_;
+  const auto read = [&](const auto& r) {
+    const int32_t status = r.getStatus();
+    if (status != 0) return status;
+    // The one copy: from the received message into the caller's array.
+    if (block != nullptr && !setBlock(block, r.getBlock())) return kStatusOutOfMemory;
+    putInt(isEnd, r.getIsEnd());
+    putInt(bytes, r.getBytes());
+    return status;
+  };
+
+  {
+    QuietKj quiet;
+    try {
+      // An answer already here is only as good as the link, as with held rows.
+      if (!l.ready()) return kStatusServerUnavailable;
+      if (l.follows(bytesOf(dbName), bytesOf(handle), bytesOf(columnName), rowIndex, blockNo,
+                    blockSize)) {
+        Link::Download& d = *l.download;
+        const std::unique_ptr<Link::Ahead> a = std::move(d.pending.front());
+        d.pending.pop_front();
+        d.asked = blockNo;
+        d.closed = d.closed || a->closes();
+        // The next request goes out before this block is waited for, so the daemon always has
+        // one to work on.
+        l.requestAhead();
+        // Waiting for a block that is already here need not turn the loop, which writes it.
+        l.waitScope().poll();
+        a->arrival.wait(l.waitScope());
+        KJ_IF_MAYBE (e, a->error) {
+          if (l.download) l.download->closed = true;
+          return l.failed(*e);
+        }
+        KJ_IF_MAYBE (r, a->answer) {
+          if (r->getStatus() == 0 && (!r->getBlock().getPresent() || r->getIsEnd() == 1)) {
+            // The rest was asked for past the end; nobody will ask for it.
+            l.endDownload();
+          } else if (a->closes()) {
+            l.download->closed = true;
+          }
+          return read(*r);
+        }
+        l.endDownload();  // not reached: `arrival` resolves only once one of the two is set
+        return kStatusCallFailed;
+      }
+    } catch (const kj::Exception& e) {
+      l.endDownload();
+      return l.failed(e);
+    } catch (const std::bad_alloc&) {
+      l.endDownload();
+      return kStatusOutOfMemory;
+    }
+  }
+
+  bool more = false;
+  const int32_t status = call(
       [&](auto& s) {
         auto q = s.downLoadDataRequest();
         q.setDbName(bytesOf(dbName));
@@ -619,14 +873,35 @@ int32_t RemoteBookServer::DownLoadData(BSTR dbName, BSTR handle, BSTR columnName
         return q;
       },
       [&](auto& r) {
-        const int32_t status = r.getStatus();
-        if (status != 0) return status;
-        // The one copy: from the received message into the caller's array.
-        if (block != nullptr && !setBlock(block, r.getBlock())) return kStatusOutOfMemory;
-        putInt(isEnd, r.getIsEnd());
-        putInt(bytes, r.getBytes());
-        return status;
+        const int32_t result = read(r);
+        more = result == 0 && r.getBlock().getPresent() && r.getIsEnd() != 1;
+        return result;
       });
+  // A blob that fits one block, or a failure, costs no requests beyond this one.
+  if (more && l.options.readAhead > 0 && blockNo < INT32_MAX) {
+    QuietKj quiet;
+    try {
+      auto d = std::make_unique<Link::Download>();
+      d->db = key(bytesOf(dbName));
+      d->handle = key(bytesOf(handle));
+      d->column = key(bytesOf(columnName));
+      d->rowIndex = rowIndex;
+      d->blockSize = blockSize;
+      d->asked = blockNo;
+      d->sent = blockNo;
+      l.download = std::move(d);
+      // Room for a block and its answer's framing.
+      l.buffers->open(static_cast<std::size_t>(std::max(blockSize, 0)) / sizeof(capnp::word) + 256,
+                      std::size_t{l.options.readAhead} + 2);
+      l.requestAhead();
+      // Out now rather than at the next call: the daemon works while the library stores this
+      // block.
+      l.waitScope().poll();
+    } catch (...) {  // a read-ahead that could not start changes nothing: the next call asks
+      quietly([&l] { l.endDownload(); });
+    }
+  }
+  return status;
 }
 
 int32_t RemoteBookServer::UpLoadData(VARIANT* record, int32_t blockNo, int32_t bytes,

@@ -8,6 +8,11 @@
 // brings its first rows along, and a GetRecords the proxy cannot answer from what it holds asks
 // for a whole run of rows from there on. A write through a handle, closing it, or deleting a
 // database forgets what was held for it.
+//
+// Blobs are the other exception: the library asks for a blob's blocks one after the other and
+// each would wait a round trip. Once a block comes back that does not end the data, the requests
+// for the next few go out before the library asks for them, and the answers wait for it. Any
+// other call first lets go of them.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +41,7 @@ inline constexpr int32_t kStatusOutOfMemory = static_cast<int32_t>(0x8007000Eu);
 struct RemoteOptions {
   uint32_t prefetch = 256;            // rows that come with an opened result
   uint32_t refill = 1024;             // rows asked for when GetRecords misses
+  uint32_t readAhead = 4;             // blocks of a download requested early (0: none)
   uint32_t connectTimeoutMs = 10000;  // name lookup, connection, handshake and logon together
 };
 

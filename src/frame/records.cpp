@@ -17,7 +17,7 @@ bool fillAddRecord(RecordWriter& record, const TableDef& table, KeyElement key,
                    const ColumnValues& valueOf) {
   uint32_t position = 1;
   for (const ColumnDef& column : table.columns) {
-    if (isKey(column)) {
+    if (isKey(column) && key != KeyElement::Valued) {
       if (key == KeyElement::Zero) record.putInt(position++, column.name, kTypeInt, 0);
       continue;
     }

@@ -19,8 +19,9 @@ using ColumnValue = std::variant<std::monostate, int32_t, std::string_view>;
 using ColumnValues = std::function<ColumnValue(const ColumnDef& column)>;
 
 // Whether the add record carries the key element (T_Index, typecode 1, value 0, which the server
-// replaces) or leaves the key out altogether.
-enum class KeyElement { Zero, Omitted };
+// replaces), leaves the key out altogether, or carries the key with the value `valueOf` gives
+// for it like any other column (Valued).
+enum class KeyElement { Zero, Omitted, Valued };
 
 // Number of fields after the handle element in the add record of `table`.
 uint32_t addRecordFields(const TableDef& table, KeyElement key);

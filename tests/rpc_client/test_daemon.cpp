@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <future>
 #include <map>
 #include <stdexcept>
@@ -41,7 +42,36 @@ struct State {
   std::atomic<int>& generation;
   std::map<std::u16string, bool> handles;  // the daemon thread's alone
   int serial = 0;
+  kj::Timer* timer = nullptr;
 };
+
+// Answers one DownLoadData of the blob as the server would.
+void answerBlock(const DaemonOptions& o, const DownloadRequest& q,
+                 ::BookServer::DownLoadDataResults::Builder r) {
+  if (q.blockNo < 1 || q.blockSize <= 0) {
+    r.setStatus(kBadArgument);
+    return;
+  }
+  if (q.blockNo == o.failBlock) {
+    // Values a failure must not hand to the caller.
+    r.setIsEnd(1);
+    r.setBytes(12345);
+    r.setStatus(kReadFailed);
+    return;
+  }
+  const int64_t offset = int64_t{q.blockNo - 1} * q.blockSize;
+  const int64_t n = std::clamp<int64_t>(o.blobBytes - offset, 0, q.blockSize);
+  r.setStatus(0);
+  r.setIsEnd(offset + n >= o.blobBytes ? 1 : 0);
+  r.setBytes(static_cast<int32_t>(n));
+  if (n == 0) return;
+  auto b = r.initBlock();
+  b.setPresent(true);
+  auto data = b.initData(static_cast<unsigned>(n));
+  for (int64_t i = 0; i < n; ++i) {
+    data[static_cast<unsigned>(i)] = blobByte(q.column, q.rowIndex, offset + i);
+  }
+}
 
 // Cap'n Proto's server bases have virtual functions but no virtual destructor: kj::heap's
 // disposer deletes the most derived type, so the warning does not apply.
@@ -161,6 +191,7 @@ class FakeBookServer final : public ::BookServer::Server {
   }
 
   kj::Promise<void> downLoadData(DownLoadDataContext context) override {
+    if (s_.options.blobBytes >= 0) return downLoadBlob(context);
     const auto p = context.getParams();
     auto r = context.getResults();
     const auto n = static_cast<unsigned>(p.getBlockSize() / 2);
@@ -171,6 +202,30 @@ class FakeBookServer final : public ::BookServer::Server {
     r.setBytes(static_cast<int32_t>(n));
     r.setStatus(0);
     return kj::READY_NOW;
+  }
+
+  kj::Promise<void> downLoadBlob(DownLoadDataContext context) {
+    const auto p = context.getParams();
+    DownloadRequest q{text(p.getColumnName()), p.getRowIndex(), p.getBlockNo(), p.getBlockSize()};
+    {
+      std::lock_guard<std::mutex> lock(s_.log.mutex);
+      s_.log.downloads.push_back(q);
+    }
+    const int waiting = ++s_.log.downloadsUnanswered;
+    int most = s_.log.mostDownloadsUnanswered.load();
+    while (waiting > most && !s_.log.mostDownloadsUnanswered.compare_exchange_weak(most, waiting)) {
+    }
+    // Each call waits on a timer of its own, so calls that arrive together wait together, as
+    // with a daemon on the far side of a slow link.
+    auto answer = [&o = s_.options, &log = s_.log, context, q = std::move(q)]() mutable {
+      answerBlock(o, q, context.getResults());
+      --log.downloadsUnanswered;
+    };
+    if (s_.options.downloadDelayMs <= 0) {
+      answer();
+      return kj::READY_NOW;
+    }
+    return s_.timer->afterDelay(s_.options.downloadDelayMs * kj::MILLISECONDS).then(kj::mv(answer));
   }
 
   kj::Promise<void> openDatabase(OpenDatabaseContext context) override {
@@ -274,6 +329,13 @@ class IgnoreErrors final : public kj::TaskSet::ErrorHandler {
 
 }  // namespace
 
+uint8_t blobByte(const std::u16string& column, int32_t rowIndex, int64_t offset) {
+  uint64_t seed = static_cast<uint64_t>(rowIndex) * 0x9E3779B97F4A7C15ull;
+  for (char16_t c : column) seed = seed * 131 + c;
+  const auto x = static_cast<uint64_t>(offset);
+  return static_cast<uint8_t>(x * 7 + (x >> 8) * 13 + (x >> 16) * 29 + seed);
+}
+
 std::u16string rowElement(int row, int column, int generation) {
   if (column == 0) return u"KEY=T_Index\t1\t" + number(row);
   return u"KEY=Name\t2\t帳票" + number(row) + u"-g" + number(generation);
@@ -329,7 +391,8 @@ TestDaemon::TestDaemon(DaemonOptions options)
       d.executor = kj::getCurrentThreadExecutor().addRef();
       auto stop = kj::newPromiseAndFulfiller<void>();
       d.stop = kj::mv(stop.fulfiller);
-      d.state = std::make_unique<State>(State{options_, log_, generation_, {}, 0});
+      d.state = std::make_unique<State>(
+          State{options_, log_, generation_, {}, 0, &io.provider->getTimer()});
       const bool v6 = options_.address.find(':') != std::string::npos;
       const std::string where = v6 ? "[" + options_.address + "]" : options_.address;
       auto address = io.provider->getNetwork().parseAddress(where, 0).wait(io.waitScope);

@@ -17,11 +17,17 @@ namespace mvtest {
 // `generation` (every write through a handle moves it on).
 std::u16string rowElement(int row, int column, int generation);
 
+// Byte `offset` of the blob the daemon serves for `column` of row `rowIndex` (when it serves one:
+// DaemonOptions::blobBytes). Every block, column and row has bytes of its own.
+uint8_t blobByte(const std::u16string& column, int32_t rowIndex, int64_t offset);
+
 // Status the daemon answers for a row past the end, an unknown handle, a failing GetOption.
 inline constexpr int32_t kNoRow = 0x1006;
 inline constexpr int32_t kBadHandle = 0x1005;
 inline constexpr int32_t kBadArgument = 0x1007;
 inline constexpr int32_t kMissingDatabase = 0x8A;
+// Status of the blob block DaemonOptions::failBlock.
+inline constexpr int32_t kReadFailed = 0x1011;
 
 struct DaemonOptions {
   std::string name = "test daemon";   // GetServerInfo's text
@@ -29,6 +35,20 @@ struct DaemonOptions {
   std::string token;                  // empty: any token logs on
   std::string certPem, keyPem;        // both set: TLS
   int rows = 3000;
+  // DownLoadData: below 0, half the block asked for, flagged the end, whatever is asked; else a
+  // blob of this many bytes per column and row, in the blocks asked for, answered as the server
+  // does (past the end: no array, flagged the end).
+  int64_t blobBytes = -1;
+  int32_t failBlock = 0;    // this block of a blob answers kReadFailed
+  int downloadDelayMs = 0;  // each DownLoadData is answered this long after it arrives
+};
+
+// One DownLoadData as the daemon received it.
+struct DownloadRequest {
+  std::u16string column;
+  int32_t rowIndex = 0;
+  int32_t blockNo = 0;
+  int32_t blockSize = 0;
 };
 
 // What the daemon received. Written by the daemon's thread, read by the test's.
@@ -43,11 +63,19 @@ struct DaemonLog {
   std::atomic<int32_t> connectFirst{0};
   std::atomic<int32_t> connectSecond{0};
   std::atomic<int32_t> uploadBytes{-1};
+  std::atomic<int> downloadsUnanswered{0};
+  std::atomic<int> mostDownloadsUnanswered{0};  // the most DownLoadData calls waiting at once
 
   std::mutex mutex;  // guards the members below
   std::vector<std::string> tokens;
   std::vector<uint8_t> uploaded;
   std::vector<std::u16string> uploadRecord;
+  std::vector<DownloadRequest> downloads;  // in the order they arrived
+
+  std::vector<DownloadRequest> downloadsSoFar() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return downloads;
+  }
 };
 
 class TestDaemon {

@@ -268,8 +268,13 @@ int32_t RecordingServer::DeleteRecords(BSTR dbName, BSTR handle, int32_t firstRo
 
 int32_t RecordingServer::ImageFileDate(BSTR dbName, BSTR handle, int32_t op, int32_t tIndex,
                                        double* date) {
-  return record("ImageFileDate",
-                {utf8(dbName), utf8(handle), num(op), num(tIndex), date ? num(*date) : "null"});
+  const int32_t s = record("ImageFileDate", {utf8(dbName), utf8(handle), num(op), num(tIndex),
+                                             date ? num(*date) : "null"});
+  if (s == 0 && date != nullptr) {
+    if (op == 0) *date = fileDate;
+    if (op == 1) fileDate = *date;
+  }
+  return s;
 }
 
 int32_t RecordingServer::SetBookUpdateCounter(BSTR dbName) {
@@ -365,9 +370,11 @@ int32_t RecordingServer::GetCarryingInfo(VARIANT* /*list*/) {
 }
 
 int32_t RecordingServer::OpenNetShare(BSTR shareClient, BSTR computerName, BSTR dbName,
-                                      BSTR tableName, int32_t tIndex, BSTR* /*folder*/) {
-  return record("OpenNetShare", {utf8(shareClient), utf8(computerName), utf8(dbName),
-                                 utf8(tableName), num(tIndex)});
+                                      BSTR tableName, int32_t tIndex, BSTR* folder) {
+  const int32_t s = record("OpenNetShare", {utf8(shareClient), utf8(computerName), utf8(dbName),
+                                            utf8(tableName), num(tIndex)});
+  if (s == 0) putText(folder, shareFolder);
+  return s;
 }
 
 int32_t RecordingServer::CloseNetShare(BSTR dbName, BSTR tableName, int32_t tIndex) {

@@ -57,6 +57,9 @@ class RecordingServer final : public mv::IBookServer {
   std::vector<uint8_t> download;
   std::size_t downloadChunk = 0x4B000;  // bytes per DownLoadData answer
   bool flagEndOnLastBlock = true;       // else the end shows by a block without an array
+  // ImageFileDate: op 0 answers fileDate, op 1 stores into it. OpenNetShare answers shareFolder.
+  double fileDate = 0.0;
+  std::string shareFolder;
 
   // --- what happened -----------------------------------------------------------------------
   std::vector<Call> calls;
