@@ -2,6 +2,7 @@
 // by GroupNo. Their bytes are replaced, read and counted through the image exports by T_Index.
 #include "contents/images.h"
 #include "frame/connection.h"
+#include "frame/db_work.h"
 #include "frame/sql_text.h"
 
 namespace mv {
@@ -54,19 +55,20 @@ MVAPI int MVDeleteELData(const char* databaseName, int32_t tIndex) {
   mv::ConnectionState& c = mv::connection();
   c.lastError = 0;
   if (c.currentServer == nullptr || databaseName == nullptr) return -1;
-  mv::BookWork work(*c.currentServer, databaseName);
+  mv::DbWork work(databaseName);
   const std::string sql =
       mv::sqlFormat("SELECT * FROM ImageDataTBL WITH (NOLOCK) WHERE (T_Index=%d)", tIndex);
-  if (!work.openDatabase() || !work.openTableEx("ImageDataTBL", sql, 0)) {
+  if (!work.openDb() || mv::failed(work.openTableEx("ImageDataTBL", sql, 0))) {
     work.abandon();
     return -1;
   }
   // No row is no failure: the range is then 0 .. -1.
-  if (mv::failed(c.currentServer->DeleteRecords(work.db(), work.handle(), 0, work.rows() - 1))) {
+  if (mv::failed(
+          c.currentServer->DeleteRecords(work.db(), work.handle(), 0, work.rowCount() - 1))) {
     work.abandon();
     return -1;
   }
-  return work.close() ? 0 : -1;
+  return work.finish() ? 0 : -1;
 }
 
 }  // extern "C"

@@ -15,6 +15,7 @@
 
 #include "frame/blocks.h"
 #include "frame/connection.h"
+#include "frame/db_work.h"
 #include "frame/sql_text.h"
 #include "platform/clock.h"
 #include "platform/codepage.h"
@@ -65,23 +66,16 @@ IBookServer* enter() {
 // Opens the database and one row of `table` selected by `sql`. Missing when the result is empty
 // (lastError untouched), Failed with the server's status in lastError.
 enum class Opened { Row, Missing, Failed };
-Opened openRow(BookWork& work, const char* table, const std::string& sql, int32_t flag) {
-  if (!work.openDatabase() || !work.openTableEx(table, sql, flag)) {
+Opened openRow(DbWork& work, const char* table, const std::string& sql, int32_t flag) {
+  if (!work.openDb() || failed(work.openTableEx(table, sql, flag))) {
     work.abandon();
     return Opened::Failed;
   }
-  if (work.rows() <= 0) {
+  if (work.rowCount() <= 0) {
     work.abandon();
     return Opened::Missing;
   }
   return Opened::Row;
-}
-
-// UpdateRecord of one row through the open handle with one or two integer or text fields.
-bool updateRow(BookWork& work, RecordWriter& record, int32_t tIndex) {
-  if (!record.ok()) return false;
-  int32_t key = tIndex;
-  return !failed(work.server().UpdateRecord(work.db(), record.get(), 1, &key));
 }
 
 int updateImageCounterOrVarious(const char* dbName, int32_t tIndex, const std::string& sql,
@@ -89,103 +83,18 @@ int updateImageCounterOrVarious(const char* dbName, int32_t tIndex, const std::s
   IBookServer* server = enter();
   if (server == nullptr || dbName == nullptr) return -1;
   // These two open and close the database even while the application holds it.
-  BookWork work(*server, dbName, BookWork::Db::Always);
+  DbWork work(dbName, DbWork::Holder::Book, DbWork::Open::Always);
   if (openRow(work, kImageTable, sql, 0) != Opened::Row) return -1;
   RecordWriter record(work.handleText(), 1);
   fill(record);
-  if (!updateRow(work, record, tIndex)) {
+  if (!work.updateRecord(record, tIndex)) {
     work.abandon();
     return -1;
   }
-  return work.close() ? 0 : -1;
+  return work.finish() ? 0 : -1;
 }
 
 }  // namespace
-
-// --- BookWork ------------------------------------------------------------------------------------
-
-BookWork::BookWork(IBookServer& server, const char* dbName, Db db)
-    : server_(server), dbText_(dbName), db_(toWide(dbName)), mode_(db) {}
-
-BookWork::~BookWork() { abandon(); }
-
-bool BookWork::openDatabase() {
-  if (mode_ == Db::UnlessHeld && connection().bookDbHeld == 1) return true;
-  int32_t out = 0;
-  if (failed(server_.OpenDatabase(db_.get(), kOpenForWork, &out))) return false;
-  dbOpen_ = true;
-  return true;
-}
-
-bool BookWork::openTable(const char* table, int32_t mode) {
-  rows_ = 0;
-  Bstr h;
-  if (failed(server_.OpenTable(db_.get(), toWide(table).get(), mode, &rows_, h.out())))
-    return false;
-  handleText_ = toAnsi(h.get());
-  handle_ = std::move(h);
-  hasHandle_ = ownHandle_ = true;
-  return true;
-}
-
-bool BookWork::openTableEx(const char* table, const std::string& sql, int32_t flag) {
-  rows_ = 0;
-  Bstr h;
-  if (failed(server_.OpenTableEx(db_.get(), toWide(table).get(), toWide(sql).get(), flag, &rows_,
-                                 h.out()))) {
-    return false;
-  }
-  handleText_ = toAnsi(h.get());
-  handle_ = std::move(h);
-  hasHandle_ = ownHandle_ = true;
-  return true;
-}
-
-void BookWork::borrowHandle(const std::string& handle) {
-  handleText_ = handle;
-  handle_ = toWide(handle);
-  hasHandle_ = true;
-  ownHandle_ = false;
-}
-
-bool BookWork::fetch(int32_t rowIndex, Row& row) {
-  int32_t status = 0;
-  if (fetchRow(server_, db_.get(), handle_.get(), rowIndex, row, status)) return true;
-  connection().lastError = status;
-  return false;
-}
-
-void BookWork::closeAll(bool store, bool& ok) {
-  const auto note = [&](int32_t status) {
-    if (status == 0) return;
-    if (store && ok) connection().lastError = status;
-    ok = false;
-  };
-  if (hasHandle_ && ownHandle_) note(server_.CloseTable(db_.get(), handle_.get()));
-  hasHandle_ = false;
-  if (dbOpen_) note(server_.CloseDatabase(db_.get()));
-  dbOpen_ = false;
-}
-
-bool BookWork::closeTable(bool store) {
-  const bool own = hasHandle_ && ownHandle_;
-  hasHandle_ = false;
-  if (!own) return true;
-  const int32_t status = server_.CloseTable(db_.get(), handle_.get());
-  if (status != 0 && store) connection().lastError = status;
-  return status == 0;
-}
-
-bool BookWork::close() {
-  bool ok = true;
-  closeAll(true, ok);
-  return ok;
-}
-
-void BookWork::abandon() {
-  bool ok = true;
-  closeAll(false, ok);
-}
 
 // --- LocalFile -----------------------------------------------------------------------------------
 
@@ -269,17 +178,17 @@ int insertImageRow(const char* dbName, const ImageRowForm& form, ImageInfoRecord
   if (server == nullptr || dbName == nullptr || info == nullptr || localPath == nullptr) return -1;
   ConnectionState& c = connection();
   const bool electronic = form.groupNo.has_value();
-  BookWork work(*server, dbName);
-  if (!work.openDatabase()) return -1;
+  DbWork work(dbName);
+  if (!work.openDb()) return -1;
   bool opened = true;
   if (electronic) {
     // Always an own handle: the fixed query's rows do not matter, the handle writes.
-    opened = work.openTableEx(kImageTable,
-                              "SELECT * FROM ImageDataTBL WITH (NOLOCK) WHERE TagID = 1", 1);
+    opened = !failed(work.openTableEx(
+        kImageTable, "SELECT * FROM ImageDataTBL WITH (NOLOCK) WHERE TagID = 1", 1));
   } else if (c.imageTableOpen == 1) {
     work.borrowHandle(c.imageTableHandle);
   } else {
-    opened = work.openTable(kImageTable, 0);
+    opened = !failed(work.openTable(kImageTable, 0));
   }
   if (!opened) {
     work.abandon();
@@ -325,22 +234,22 @@ int insertImageRow(const char* dbName, const ImageRowForm& form, ImageInfoRecord
     work.abandon();
     return -1;
   }
-  return work.close() ? 0 : -1;
+  return work.finish() ? 0 : -1;
 }
 
 int listImageRows(const char* dbName, const std::string& sql, bool withVarious, MVHGLOBAL* block,
                   int32_t* count) {
   IBookServer* server = enter();
   if (server == nullptr || dbName == nullptr || block == nullptr || count == nullptr) return -1;
-  BookWork work(*server, dbName);
-  if (!work.openDatabase() || !work.openTableEx(kImageTable, sql, 1)) {
+  DbWork work(dbName);
+  if (!work.openDb() || failed(work.openTableEx(kImageTable, sql, 1))) {
     work.abandon();
     return -1;
   }
-  const int32_t rows = work.rows();
+  const int32_t rows = work.rowCount();
   if (rows <= 0) {
     *count = 0;
-    return work.close() ? 0 : -1;
+    return work.finish() ? 0 : -1;
   }
   const std::size_t recordSize = withVarious ? sizeof(ImageInfoRecordEX) : sizeof(ImageInfoRecord);
   const std::span<const FieldBinding> bindings =
@@ -367,13 +276,27 @@ int listImageRows(const char* dbName, const std::string& sql, bool withVarious, 
     work.abandon();
     return -1;
   }
-  if (!work.close()) {
+  if (!work.finish()) {
     MVGlobalFree(memory);
     return -1;
   }
   *block = memory;
   return 0;
 }
+
+namespace {
+
+// Both list forms select Various: the server answers the same query whatever the record size.
+int listTagImages(const char* dbName, int32_t tagID, bool withVarious, MVHGLOBAL* block,
+                  int32_t* count) {
+  return listImageRows(dbName,
+                       sqlFormat("SELECT T_Index,Up_DateCounter,ImageDataInfo,Attribute,Various "
+                                 "FROM ImageDataTBL WITH (NOLOCK) WHERE TagID = %d",
+                                 tagID),
+                       withVarious, block, count);
+}
+
+}  // namespace
 
 }  // namespace mv
 
@@ -383,22 +306,12 @@ extern "C" {
 
 MVAPI int MVGetImageInfo(const char* databaseName, int32_t tagID, MVHGLOBAL* block,
                          int32_t* count) {
-  return mv::listImageRows(
-      databaseName,
-      mv::sqlFormat("SELECT T_Index,Up_DateCounter,ImageDataInfo,Attribute,Various FROM "
-                    "ImageDataTBL WITH (NOLOCK) WHERE TagID = %d",
-                    tagID),
-      false, block, count);
+  return mv::listTagImages(databaseName, tagID, false, block, count);
 }
 
 MVAPI int MVGetImageInfoEX(const char* databaseName, int32_t tagID, MVHGLOBAL* block,
                            int32_t* count) {
-  return mv::listImageRows(
-      databaseName,
-      mv::sqlFormat("SELECT T_Index,Up_DateCounter,ImageDataInfo,Attribute,Various FROM "
-                    "ImageDataTBL WITH (NOLOCK) WHERE TagID = %d",
-                    tagID),
-      true, block, count);
+  return mv::listTagImages(databaseName, tagID, true, block, count);
 }
 
 MVAPI int MVInsertImageDataEX(const char* databaseName, int32_t tagID, ImageInfoRecordEX* info,
@@ -425,7 +338,7 @@ MVAPI int MVUpDateImageDataEX(const char* databaseName, const char* tableName, i
       localPath == nullptr || info == nullptr) {
     return -1;
   }
-  mv::BookWork work(*server, databaseName);
+  mv::DbWork work(databaseName);
   const std::string sql = mv::sqlFormat("SELECT * FROM %s WHERE T_Index = %d", tableName, tIndex);
   if (mv::openRow(work, tableName, sql, 0) != mv::Opened::Row) return -1;
   mv::BlockRecord blockRecord(databaseName, work.handleText(), tIndex, mv::kBlobColumn);
@@ -449,11 +362,11 @@ MVAPI int MVUpDateImageDataEX(const char* databaseName, const char* tableName, i
   mv::RecordWriter record(work.handleText(), 2);
   record.putInt(1, "Up_DateCounter", mv::kTypeInt, info->Up_DateCounter);
   record.putInt(2, "Attribute", mv::kTypeInt, info->Attribute);
-  if (!mv::updateRow(work, record, tIndex)) {
+  if (!work.updateRecord(record, tIndex)) {
     work.abandon();
     return -1;
   }
-  return work.close() ? 0 : -1;
+  return work.finish() ? 0 : -1;
 }
 
 MVAPI int MVUpDateImageData(const char* databaseName, const char* tableName, int32_t tIndex,
@@ -475,7 +388,7 @@ MVAPI int MVDownLoadImageData(const char* databaseName, const char* tableName, i
       localPath == nullptr) {
     return -1;
   }
-  mv::BookWork work(*server, databaseName);
+  mv::DbWork work(databaseName);
   const std::string sql = mv::sqlFormat("SELECT * FROM %s WHERE T_Index = %d", tableName, tIndex);
   if (mv::openRow(work, tableName, sql, 1) != mv::Opened::Row) return -1;
   mv::LocalFile file(localPath, mv::LocalFile::Mode::Replace);
@@ -495,7 +408,7 @@ MVAPI int MVDownLoadImageData(const char* databaseName, const char* tableName, i
     work.abandon();
     return -1;
   }
-  const bool closed = work.close();
+  const bool closed = work.finish();
   if (date != 0.0) (void)mv::SetFileDate(localPath, date);
   return closed ? 0 : -1;
 }
@@ -503,7 +416,7 @@ MVAPI int MVDownLoadImageData(const char* databaseName, const char* tableName, i
 MVAPI int MVDeleteImageData(const char* databaseName, int32_t tIndex) {
   mv::IBookServer* server = mv::enter();
   if (server == nullptr || databaseName == nullptr) return -1;
-  mv::BookWork work(*server, databaseName);
+  mv::DbWork work(databaseName);
   const std::string sql =
       mv::sqlFormat("SELECT * FROM ImageDataTBL WITH (NOLOCK) WHERE T_Index = %d", tIndex);
   if (mv::openRow(work, mv::kImageTable, sql, 0) != mv::Opened::Row) return -1;
@@ -511,13 +424,13 @@ MVAPI int MVDeleteImageData(const char* databaseName, int32_t tIndex) {
     work.abandon();
     return -1;
   }
-  return work.close() ? 0 : -1;
+  return work.finish() ? 0 : -1;
 }
 
 MVAPI int MVGetImageUpdateCounter(const char* databaseName, int32_t tIndex, int32_t* counter) {
   mv::IBookServer* server = mv::enter();
   if (server == nullptr || databaseName == nullptr || counter == nullptr) return -1;
-  mv::BookWork work(*server, databaseName);
+  mv::DbWork work(databaseName);
   const std::string sql = mv::sqlFormat(
       "SELECT Up_DateCounter FROM ImageDataTBL WITH (NOLOCK) WHERE T_Index = %d", tIndex);
   if (mv::openRow(work, mv::kImageTable, sql, 1) != mv::Opened::Row) return -1;
@@ -529,7 +442,7 @@ MVAPI int MVGetImageUpdateCounter(const char* databaseName, int32_t tIndex, int3
   if (const mv::RowField* field = mv::findField(row, "Up_DateCounter")) {
     *counter = mv::parseInt(field->value);
   }
-  return work.close() ? 0 : -1;
+  return work.finish() ? 0 : -1;
 }
 
 MVAPI int MVSetImageUpdateCounter(const char* databaseName, int32_t tIndex, int32_t counter) {

@@ -1,7 +1,5 @@
-// The frame shared by the operations on a book's image rows: the book database opened unless the
-// application holds it, one table handle, the close on every way out; the local file a blob comes
-// from or goes to; and the insert of a row with its bytes, which tag images and electronic-
-// delivery rows share.
+// What the operations on a book's image rows share: the local file a blob comes from or goes to,
+// and the insert of a row with its bytes, which tag images and electronic-delivery rows share.
 #pragma once
 
 #include <cstdint>
@@ -25,60 +23,6 @@ inline constexpr std::size_t kVariousMax = 245;
 // write failure.
 inline constexpr int32_t kStatusDiskFull = 0x70;
 inline constexpr int32_t kStatusWriteFault = 0x1D;
-
-// One operation on a book database: OpenDatabase in mode 0 unless the application holds the
-// book database (or always), at most one table handle, and the close of both. Failures of the
-// server store their status in lastError. An operation still open when this goes out of scope is
-// closed as by abandon().
-class BookWork {
- public:
-  enum class Db { UnlessHeld, Always };
-  BookWork(IBookServer& server, const char* dbName, Db db = Db::UnlessHeld);
-  BookWork(const BookWork&) = delete;
-  BookWork& operator=(const BookWork&) = delete;
-  ~BookWork();
-
-  bool openDatabase();
-  // OpenTable(db, table, mode) / OpenTableEx(db, table, sql, flag), row count preset to 0.
-  bool openTable(const char* table, int32_t mode);
-  bool openTableEx(const char* table, const std::string& sql, int32_t flag);
-  // Works through a handle that someone else opened and closes: it is not closed here.
-  void borrowHandle(const std::string& handle);
-
-  int32_t rows() const { return rows_; }
-  IBookServer& server() const { return server_; }
-  const std::string& dbName() const { return dbText_; }
-  BSTR db() const { return db_.get(); }
-  BSTR handle() const { return handle_.get(); }
-  const std::string& handleText() const { return handleText_; }
-
-  // GetRecords of one row; a failure stores the method's status (0 for a wrong variant).
-  bool fetch(int32_t rowIndex, Row& row);
-
-  // CloseTable on an own handle alone, the database staying open for the next table. False on a
-  // failure, whose status goes to lastError when `store` is set.
-  bool closeTable(bool store = true);
-  // CloseTable on an own handle, then CloseDatabase if opened here. True on success; else false
-  // with the first failure in lastError (the database is still closed after a failed
-  // CloseTable).
-  bool close();
-  // The same on the way out after a failure: lastError keeps the code it had.
-  void abandon();
-
- private:
-  void closeAll(bool store, bool& ok);
-
-  IBookServer& server_;
-  std::string dbText_;
-  Bstr db_;
-  Db mode_;
-  bool dbOpen_ = false;
-  bool ownHandle_ = false;
-  bool hasHandle_ = false;
-  int32_t rows_ = 0;
-  Bstr handle_;
-  std::string handleText_;
-};
 
 // A local file opened as the blob transfers open it, created if missing: for reading, or for
 // writing a new content (an existing file is emptied first, so a shorter download never keeps

@@ -8,6 +8,7 @@
 #include "contents/tags.h"
 #include "frame/catalogue.h"
 #include "frame/connection.h"
+#include "frame/db_work.h"
 #include "frame/records.h"
 #include "frame/sql_text.h"
 #include "platform/codepage.h"
@@ -67,18 +68,14 @@ std::string pageSelect(int32_t tagIndex) {
   return sqlFormat("SELECT * FROM TagPageTBL WHERE T_Index = %d", tagIndex);
 }
 
-bool update(DbWork& work, RecordWriter& record, int32_t key) {
-  return record.ok() && !failed(work.server().UpdateRecord(work.db(), record.get(), 1, &key));
-}
-
 // A one-column write of the page row selected by `tagIndex` through a handle on `table`.
 int writeOneColumn(const char* dbName, const char* table, int32_t tagIndex,
                    std::string_view element) {
   DbWork work(dbName, DbWork::Holder::Book);
   if (!work.openDb() || failed(work.openTableEx(table, pageSelect(tagIndex), 0))) return -1;
-  RecordWriter record(work.handle(), 1);
+  RecordWriter record(work.handleText(), 1);
   record.putRaw(1, element);
-  return update(work, record, tagIndex) && work.finish() ? 0 : -1;
+  return work.updateRecord(record, tagIndex) && work.finish() ? 0 : -1;
 }
 
 IBookServer* enter(bool argumentsGiven) {
@@ -132,11 +129,7 @@ MVAPI int MVGetTag(const char* databaseName, int32_t tagIndex, TagInfoRecord* in
   }
   // Row 0 whatever the count says: the server decides about a key that does not exist.
   mv::Row row;
-  int32_t status = 0;
-  if (!mv::fetchRow(work.server(), work.db(), mv::toWide(work.handle()).get(), 0, row, status)) {
-    connection().lastError = status;  // 0 for a row that is not an array
-    return -1;
-  }
+  if (!work.fetch(0, row)) return -1;
   if (!work.finish()) return -1;
   mv::bindRow(row, mv::kTagInfoBindings, info);
   return 0;
@@ -150,8 +143,8 @@ MVAPI int MVChangeTagInfo(const char* databaseName, TagInfoRecord info, int32_t 
     return -1;
   }
   if (work.rowCount() == 0) return -1;  // no page row: lastError stays 0
-  mv::RecordWriter page(work.handle(), mv::pageRecordFields());
-  if (!mv::fillPageRecord(page, info) || !mv::update(work, page, tagIndex) ||
+  mv::RecordWriter page(work.handleText(), mv::pageRecordFields());
+  if (!mv::fillPageRecord(page, info) || !work.updateRecord(page, tagIndex) ||
       failed(work.closeTable())) {
     return -1;
   }
@@ -161,8 +154,8 @@ MVAPI int MVChangeTagInfo(const char* databaseName, TagInfoRecord info, int32_t 
     return -1;
   }
   if (work.rowCount() == 0) return -1;  // the page is rewritten, the display row is missing
-  mv::RecordWriter disp(work.handle(), mv::dispRecordFields());
-  return mv::fillDispRecord(disp, info, tagIndex, upTagID) && mv::update(work, disp, dispIndex) &&
+  mv::RecordWriter disp(work.handleText(), mv::dispRecordFields());
+  return mv::fillDispRecord(disp, info, tagIndex, upTagID) && work.updateRecord(disp, dispIndex) &&
                  work.finish()
              ? 0
              : -1;

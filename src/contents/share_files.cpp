@@ -7,6 +7,7 @@
 #include "contents/images.h"
 #include "contents/index_bif.h"
 #include "frame/connection.h"
+#include "frame/db_work.h"
 #include "frame/sql_text.h"
 #include "platform/files.h"
 #include "transfer/folder_tools.h"
@@ -207,8 +208,8 @@ MVAPI int MVDeleteTag2(const char* databaseName, int32_t tagIndex, int32_t dispI
   c.lastError = 0;
   mv::IBookServer* server = c.currentServer;
   if (server == nullptr || databaseName == nullptr || shareClient == nullptr) return -1;
-  mv::BookWork work(*server, databaseName);
-  if (!work.openDatabase()) return -1;
+  mv::DbWork work(databaseName);
+  if (!work.openDb()) return -1;
   const mv::Bstr table = mv::toWide(mv::kShareTable);
   mv::Bstr folder;
   const int32_t shared =
@@ -218,10 +219,10 @@ MVAPI int MVDeleteTag2(const char* databaseName, int32_t tagIndex, int32_t dispI
   // The page row, then the display row; the image rows stay (the files are the data here).
   const auto deleteRow = [&](const char* tableName, const std::string& sql, int32_t key,
                              bool rowRequired) {
-    if (!work.openTableEx(tableName, sql, 0)) return false;
-    if (rowRequired && work.rows() <= 0) return false;  // no such tag: lastError untouched
+    if (mv::failed(work.openTableEx(tableName, sql, 0))) return false;
+    if (rowRequired && work.rowCount() <= 0) return false;  // no such tag: lastError untouched
     if (mv::failed(server->DeleteRecord(work.db(), work.handle(), key))) return false;
-    return work.closeTable();
+    return !mv::failed(work.closeTable());
   };
   const bool rowsGone =
       deleteRow("TagPageTBL",
@@ -229,7 +230,7 @@ MVAPI int MVDeleteTag2(const char* databaseName, int32_t tagIndex, int32_t dispI
                 true) &&
       deleteRow("TagDispTBL", mv::sqlFormat("SELECT * FROM TagDispTBL WHERE (TagID=%d)", tagIndex),
                 dispIndex, false);
-  if (!rowsGone) (void)work.closeTable(false);
+  if (!rowsGone) (void)work.closeTable();
   // The folder goes only with the rows: a tag whose rows could not be deleted keeps its files.
   int result = rowsGone ? 0 : -1;
   if (rowsGone && shared == 0) (void)mv::DeleteFolderTree(mv::toAnsi(folder.get()));
@@ -239,7 +240,7 @@ MVAPI int MVDeleteTag2(const char* databaseName, int32_t tagIndex, int32_t dispI
     work.abandon();
     return -1;
   }
-  return work.close() ? 0 : -1;
+  return work.finish() ? 0 : -1;
 }
 
 }  // extern "C"

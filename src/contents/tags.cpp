@@ -8,90 +8,12 @@
 
 #include "contents/pages.h"
 #include "frame/connection.h"
+#include "frame/db_work.h"
 #include "frame/rows.h"
 #include "frame/sql_text.h"
 #include "platform/codepage.h"
 
 namespace mv {
-
-DbWork::DbWork(const char* dbName, Holder holder)
-    : server_(connection().currentServer), db_(toWide(dbName)) {
-  const auto& c = connection();
-  closeDb_ = holder == Holder::Book ? c.bookDbHeld != 1 : c.systemDbHeld != 1;
-}
-
-DbWork::~DbWork() { abandon(); }
-
-bool DbWork::openDb() {
-  if (!closeDb_) return true;
-  int32_t out = 0;
-  if (failed(server_->OpenDatabase(db_.get(), kOpenForWork, &out))) {
-    closeDb_ = false;  // nothing to close
-    return false;
-  }
-  return true;
-}
-
-namespace {
-
-template <typename Open>
-int32_t openHandle(DbWork& work, bool& hasHandle, int32_t& rows, std::string& handle, Open open) {
-  (void)work.closeTable();
-  rows = 0;
-  Bstr h;
-  const int32_t status = open(&rows, h.out());
-  if (status != 0) {
-    rows = 0;
-    return status;
-  }
-  handle = toAnsi(h.get());
-  hasHandle = true;
-  return 0;
-}
-
-}  // namespace
-
-int32_t DbWork::openTable(const char* table, int32_t mode) {
-  return openHandle(*this, hasHandle_, rows_, handle_, [&](int32_t* rows, BSTR* h) {
-    return server_->OpenTable(db_.get(), toWide(table).get(), mode, rows, h);
-  });
-}
-
-int32_t DbWork::openTableEx(const char* table, std::string_view sql, int32_t flag) {
-  return openHandle(*this, hasHandle_, rows_, handle_, [&](int32_t* rows, BSTR* h) {
-    return server_->OpenTableEx(db_.get(), toWide(table).get(), toWide(sql).get(), flag, rows, h);
-  });
-}
-
-int32_t DbWork::executeQuery(const char* table, std::string_view sql) {
-  return openHandle(*this, hasHandle_, rows_, handle_, [&](int32_t* rows, BSTR* h) {
-    return server_->ExecuteQuery(db_.get(), toWide(table).get(), toWide(sql).get(), 0, rows, h);
-  });
-}
-
-int32_t DbWork::closeTable() {
-  if (!hasHandle_) return 0;
-  hasHandle_ = false;
-  rows_ = 0;
-  return server_->CloseTable(db_.get(), toWide(std::exchange(handle_, {})).get());
-}
-
-bool DbWork::finish() {
-  bool ok = !failed(closeTable());
-  if (closeDb_) {
-    closeDb_ = false;
-    const int32_t status = server_->CloseDatabase(db_.get());
-    if (ok) ok = !failed(status);
-  }
-  return ok;
-}
-
-void DbWork::abandon() {
-  if (!hasHandle_ && !closeDb_) return;
-  const int32_t kept = connection().lastError;
-  (void)finish();
-  connection().lastError = kept;
-}
 
 ColumnValue recordValue(const void* record, std::span<const FieldBinding> bindings,
                         const ColumnDef& column) {
@@ -148,12 +70,7 @@ int listTable(const char* dbName, const char* table, std::span<const FieldBindin
   if (!list.ok()) return -1;
   Row row;
   for (std::size_t i = 0; i < list.size(); ++i) {
-    int32_t status = 0;
-    if (!fetchRow(work.server(), work.db(), toWide(work.handle()).get(), static_cast<int32_t>(i),
-                  row, status)) {
-      connection().lastError = status;  // 0 for a row that is not an array
-      return -1;
-    }
+    if (!work.fetch(static_cast<int32_t>(i), row)) return -1;
     bindRow(row, bindings, &list[i]);
   }
   if (!work.finish()) return -1;
@@ -165,18 +82,13 @@ int listTable(const char* dbName, const char* table, std::span<const FieldBindin
   return 0;
 }
 
-// UpdateRecord of row `key` with a record of one element.
-bool updateOne(DbWork& work, int32_t key, RecordWriter& record) {
-  return record.ok() && !failed(work.server().UpdateRecord(work.db(), record.get(), 1, &key));
-}
-
 // Sends `text` as TagName (typecode 2) to the row of `table` chosen by `sql`, updated as `key`.
 bool renameRow(DbWork& work, const char* table, const std::string& sql, int32_t key,
                std::string_view text) {
   if (failed(work.openTableEx(table, sql, 0))) return false;
-  RecordWriter record(work.handle(), 1);
+  RecordWriter record(work.handleText(), 1);
   record.putText(1, "TagName", kTypeVarchar, text);
-  return updateOne(work, key, record) && !failed(work.closeTable());
+  return work.updateRecord(record, key) && !failed(work.closeTable());
 }
 
 }  // namespace
@@ -209,7 +121,7 @@ MVAPI int MVCreateTag(const char* databaseName, TagInfoRecord info, int32_t upTa
   DbWork work(databaseName, DbWork::Holder::Book);
   if (!work.openDb() || failed(work.openTable("TagPageTBL", 0))) return -1;
   // The page row first: the display row points to its key.
-  mv::RecordWriter page(work.handle(), mv::pageRecordFields());
+  mv::RecordWriter page(work.handleText(), mv::pageRecordFields());
   int32_t newIndex = 0;
   if (!mv::fillPageRecord(page, info) ||
       failed(server->AddRecord(work.db(), page.get(), 1, &newIndex))) {
@@ -218,7 +130,7 @@ MVAPI int MVCreateTag(const char* databaseName, TagInfoRecord info, int32_t upTa
   }
   *tagIndex = newIndex;
   if (failed(work.closeTable()) || failed(work.openTable("TagDispTBL", 0))) return -1;
-  mv::RecordWriter disp(work.handle(), mv::dispRecordFields());
+  mv::RecordWriter disp(work.handleText(), mv::dispRecordFields());
   int32_t newDisp = 0;
   if (!mv::fillDispRecord(disp, info, newIndex, upTagID) ||
       failed(server->AddRecord(work.db(), disp.get(), 1, &newDisp))) {
@@ -256,9 +168,9 @@ MVAPI int MVChangeTagOrder(const char* databaseName, int32_t tagIndex, int32_t d
           "TagDispTBL", mv::sqlFormat("SELECT * FROM TagDispTBL WHERE TagID = %d", tagIndex), 0))) {
     return -1;
   }
-  mv::RecordWriter record(work.handle(), 1);
+  mv::RecordWriter record(work.handleText(), 1);
   record.putInt(1, "T_Order", mv::kTypeInt, order);
-  return mv::updateOne(work, dispIndex, record) && work.finish() ? 0 : -1;
+  return work.updateRecord(record, dispIndex) && work.finish() ? 0 : -1;
 }
 
 MVAPI int MVDeleteTag(const char* databaseName, int32_t tagIndex, int32_t dispIndex) {
@@ -273,7 +185,7 @@ MVAPI int MVDeleteTag(const char* databaseName, int32_t tagIndex, int32_t dispIn
   }
   if (work.rowCount() == 0) return -1;  // no such tag: nothing deleted, lastError stays 0
   const auto deleteRow = [&](int32_t key) {
-    return !failed(server->DeleteRecord(work.db(), mv::toWide(work.handle()).get(), key)) &&
+    return !failed(server->DeleteRecord(work.db(), work.handle(), key)) &&
            !failed(work.closeTable());
   };
   if (!deleteRow(tagIndex)) return -1;
@@ -289,8 +201,7 @@ MVAPI int MVDeleteTag(const char* databaseName, int32_t tagIndex, int32_t dispIn
           1))) {
     return -1;
   }
-  if (failed(server->DeleteRecords(work.db(), mv::toWide(work.handle()).get(), 0,
-                                   work.rowCount() - 1))) {
+  if (failed(server->DeleteRecords(work.db(), work.handle(), 0, work.rowCount() - 1))) {
     return -1;
   }
   return work.finish() ? 0 : -1;

@@ -101,7 +101,7 @@ int32_t ViewTables::write(const FamilyTable& t, const char* db, void* info, bool
     connection().lastError = kRowExists;
     return kRowExists;
   }
-  RecordWriter record(work.handle(), addRecordFields(*t.table, KeyElement::Valued));
+  RecordWriter record(work.handleText(), addRecordFields(*t.table, KeyElement::Valued));
   if (!fillAddRecord(record, *t.table, KeyElement::Valued,
                      [&](const ColumnDef& c) { return recordValue(info, t.bindings, c); })) {
     return failure();
@@ -119,8 +119,7 @@ int32_t ViewTables::get(const FamilyTable& t, const char* db, int32_t tIndex, vo
   if (!work.openDb() || !select(work, t, "T_Index", tIndex)) return failure();
   Row row;
   int32_t status = 0;
-  const bool isRow =
-      fetchRow(work.server(), work.db(), toWide(work.handle()).get(), 0, row, status);
+  const bool isRow = fetchRow(work.server(), work.db(), work.handle(), 0, row, status);
   if (failed(status)) return status;
   const int32_t closed = finish(work);
   if (closed == 0 && isRow) bindFirstColumns(row, t.table->columns.size(), t.bindings, info);
@@ -146,7 +145,7 @@ int32_t ViewTables::list(const FamilyTable& t, const char* db, int32_t parentID,
   int32_t status = 0;
   Row row;
   for (int32_t i = 0; i < rows; ++i) {
-    if (!fetchRow(work.server(), work.db(), toWide(work.handle()).get(), i, row, status)) {
+    if (!fetchRow(work.server(), work.db(), work.handle(), i, row, status)) {
       if (t.afterFailedRow == AfterFailedRow::GoOn) continue;
       if (t.afterFailedRow == AfterFailedRow::StopQuietly) status = 0;
       break;
@@ -163,7 +162,7 @@ int32_t ViewTables::list(const FamilyTable& t, const char* db, int32_t parentID,
 int32_t ViewTables::remove(const FamilyTable& t, const char* db, int32_t tIndex) {
   DbWork work(db, t.holder);
   if (!work.openDb() || !select(work, t, "T_Index", tIndex)) return failure();
-  if (failed(work.server().DeleteRecord(work.db(), toWide(work.handle()).get(), tIndex))) {
+  if (failed(work.server().DeleteRecord(work.db(), work.handle(), tIndex))) {
     return failure();
   }
   return finish(work);

@@ -9,6 +9,7 @@
 
 #include "contents/tags.h"
 #include "frame/catalogue.h"
+#include "frame/db_work.h"
 #include "frame/exchange.h"
 
 namespace mv {
