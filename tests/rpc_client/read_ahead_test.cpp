@@ -207,6 +207,26 @@ TEST_F(ReadAheadResults, TheLibrarysDownloadLoopGetsEveryByteOfFullSizeBlocks) {
   EXPECT_EQ(asked, range(1, static_cast<int32_t>(asked.size())));
 }
 
+TEST_F(ReadAheadResults, AnswersLargerThanTheBlockAskedForArriveWhole) {
+  // Each answer holds two blocks' worth from where its block starts: more than the proxy makes
+  // room for when it reads ahead.
+  const int64_t total = int64_t{kBlock} * 9;
+  DaemonOptions o = blob(total);
+  o.doubleBlocks = true;
+  TestDaemon daemon(o);
+  Link s(daemon);
+  for (int32_t n = 1; n <= 8; ++n) {
+    SCOPED_TRACE(n);
+    const Answer a = ask(*s.get(), u"Image", n);
+    ASSERT_EQ(a.status, 0);
+    EXPECT_EQ(a.isEnd, n == 8 ? 1 : 0);
+    std::vector<uint8_t> want = blobBlock(u"Image", 0, n, kBlock, total);
+    const std::vector<uint8_t> next = blobBlock(u"Image", 0, n + 1, kBlock, total);
+    want.insert(want.end(), next.begin(), next.end());
+    EXPECT_EQ(a.data, want);
+  }
+}
+
 TEST_F(ReadAheadResults, AFailingBlockFailsThatCallAloneAndOnlyWhenItIsAskedFor) {
   const int64_t total = int64_t{kBlock} * 8;
   TestDaemon plainDaemon(blob(total, 0, 3)), aheadDaemon(blob(total, 0, 3));

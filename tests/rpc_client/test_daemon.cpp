@@ -60,7 +60,8 @@ void answerBlock(const DaemonOptions& o, const DownloadRequest& q,
     return;
   }
   const int64_t offset = int64_t{q.blockNo - 1} * q.blockSize;
-  const int64_t n = std::clamp<int64_t>(o.blobBytes - offset, 0, q.blockSize);
+  const int64_t most = int64_t{q.blockSize} * (o.doubleBlocks ? 2 : 1);
+  const int64_t n = std::clamp<int64_t>(o.blobBytes - offset, 0, most);
   r.setStatus(0);
   r.setIsEnd(offset + n >= o.blobBytes ? 1 : 0);
   r.setBytes(static_cast<int32_t>(n));

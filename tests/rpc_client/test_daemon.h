@@ -39,8 +39,9 @@ struct DaemonOptions {
   // blob of this many bytes per column and row, in the blocks asked for, answered as the server
   // does (past the end: no array, flagged the end).
   int64_t blobBytes = -1;
-  int32_t failBlock = 0;    // this block of a blob answers kReadFailed
-  int downloadDelayMs = 0;  // each DownLoadData is answered this long after it arrives
+  int32_t failBlock = 0;      // this block of a blob answers kReadFailed
+  bool doubleBlocks = false;  // blob blocks carry up to twice the bytes asked for (no server does)
+  int downloadDelayMs = 0;    // each DownLoadData is answered this long after it arrives
 };
 
 // One DownLoadData as the daemon received it.

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "client_env.h"
+#include "frame/blocks.h"
 #include "remote_test_util.h"
 
 namespace mvtest {
@@ -99,6 +100,35 @@ TEST_F(TlsLink, AVerifiedDaemonAnswersOverTls) {
   server->Release();
   std::lock_guard<std::mutex> lock(daemon.log().mutex);
   EXPECT_EQ(daemon.log().tokens, std::vector<std::string>{"t"});
+}
+
+TEST_F(TlsLink, ABlobReadAheadComesThroughTlsByteForByte) {
+  DaemonOptions o = tlsDaemon();
+  o.blobBytes = int64_t{mv::kBlockSize} * 5 + 123;
+  TestDaemon daemon(o);
+  useConfig("[secure]\naddress = 127.0.0.1\nport = " + std::to_string(daemon.port()) +
+            "\nca = " + certs_ + "/ca.pem\ntls-name = localhost\n");
+  mv::IBookServer* server = nullptr;
+  ASSERT_EQ(mv::rpc::connectRemote("secure", &server), 0) << mv::rpc::lastConnectError();
+  const mv::Bstr db(u"Book1"), handle(u"H1"), column(u"RealityData");
+  std::vector<uint8_t> got;
+  const mv::DownloadResult r = mv::downloadBlocks(*server, db.get(), handle.get(), column.get(),
+                                                  [&](const uint8_t* data, std::size_t n) {
+                                                    got.insert(got.end(), data, data + n);
+                                                    return true;
+                                                  });
+  server->Release();
+  EXPECT_EQ(r.status, 0);
+  ASSERT_EQ(got.size(), static_cast<std::size_t>(o.blobBytes));
+  for (std::size_t i = 0; i < got.size(); ++i) {
+    ASSERT_EQ(got[i], blobByte(u"RealityData", 0, static_cast<int64_t>(i))) << i;
+  }
+  // Read ahead: each block asked for once and in order, some past the sixth and last.
+  const std::vector<DownloadRequest> asked = daemon.log().downloadsSoFar();
+  ASSERT_GE(asked.size(), 6u);
+  EXPECT_LE(asked.size(), 10u);
+  for (std::size_t i = 0; i < asked.size(); ++i)
+    EXPECT_EQ(asked[i].blockNo, static_cast<int32_t>(i + 1));
 }
 
 TEST_F(TlsLink, ACertificateFromAnotherCaOrForAnotherNameIsRefused) {
