@@ -39,18 +39,6 @@ bool isTextArray(const VARIANT* v) {
   return t == MV_VT_BSTR || t == MV_VT_VARIANT;
 }
 
-template <typename Fill>
-bool makeArray(VARIANT* v, VARTYPE type, uint32_t count, Fill fill) {
-  if (v == nullptr) return false;
-  MVVariantClear(v);
-  SAFEARRAY* a = safeArrayCreateVector(type, 0, count);
-  if (a == nullptr) return false;
-  fill(a->pvData);
-  v->vt = static_cast<VARTYPE>(MV_VT_ARRAY | type);
-  v->parray = a;
-  return true;
-}
-
 }  // namespace
 
 uint32_t textCount(const VARIANT* v) { return isTextArray(v) ? safeArrayCount(v->parray) : 0; }
@@ -64,7 +52,7 @@ void copyTexts(const VARIANT* v, capnp::List<capnp::Data>::Builder list) {
 }
 
 bool setTexts(VARIANT* v, capnp::List<capnp::Data>::Reader list) {
-  return makeArray(v, MV_VT_VARIANT, list.size(), [&](void* data) {
+  return fillVariantArray(v, MV_VT_VARIANT, list.size(), [&](void* data) {
     for (uint32_t i = 0; i < list.size(); ++i) {
       VARIANT& e = static_cast<VARIANT*>(data)[i];
       e.vt = MV_VT_BSTR;
@@ -105,7 +93,7 @@ bool setValue(VARIANT* v, Value::Reader in) {
       return setTexts(v, in.getTexts());
     case Value::INTS: {
       const auto list = in.getInts();
-      return makeArray(v, MV_VT_VARIANT, list.size(), [&](void* data) {
+      return fillVariantArray(v, MV_VT_VARIANT, list.size(), [&](void* data) {
         for (uint32_t i = 0; i < list.size(); ++i) {
           VARIANT& e = static_cast<VARIANT*>(data)[i];
           e.vt = MV_VT_I4;
@@ -134,7 +122,7 @@ void copyBlock(const VARIANT* v, Block::Builder out) {
 bool setBlock(VARIANT* v, Block::Reader in) {
   if (!in.getPresent()) return true;
   const auto data = in.getData();
-  return makeArray(v, MV_VT_UI1, static_cast<uint32_t>(data.size()), [&](void* bytes) {
+  return fillVariantArray(v, MV_VT_UI1, static_cast<uint32_t>(data.size()), [&](void* bytes) {
     if (data.size()) std::memcpy(bytes, data.begin(), data.size());
   });
 }

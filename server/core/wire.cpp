@@ -35,27 +35,8 @@ bool arrayTexts(const VARIANT* v, std::vector<std::string>& out) {
   return true;
 }
 
-namespace {
-
-template <typename Fill>
-bool putArray(VARIANT* v, VARTYPE type, uint32_t count, Fill fill) {
-  if (v == nullptr) return false;
-  MVVariantClear(v);
-  SAFEARRAY* a = safeArrayCreateVector(type, 0, count);
-  if (a == nullptr) return false;
-  void* data = nullptr;
-  safeArrayAccessData(a, &data);
-  fill(data);
-  safeArrayUnaccessData(a);
-  v->vt = static_cast<VARTYPE>(MV_VT_ARRAY | type);
-  v->parray = a;
-  return true;
-}
-
-}  // namespace
-
 bool putTexts(VARIANT* v, const std::vector<std::string>& texts) {
-  return putArray(v, MV_VT_VARIANT, static_cast<uint32_t>(texts.size()), [&](void* data) {
+  return fillVariantArray(v, MV_VT_VARIANT, static_cast<uint32_t>(texts.size()), [&](void* data) {
     for (std::size_t i = 0; i < texts.size(); ++i) {
       VARIANT& e = static_cast<VARIANT*>(data)[i];
       e.vt = MV_VT_BSTR;
@@ -65,7 +46,7 @@ bool putTexts(VARIANT* v, const std::vector<std::string>& texts) {
 }
 
 bool putInts(VARIANT* v, const std::vector<int32_t>& values) {
-  return putArray(v, MV_VT_VARIANT, static_cast<uint32_t>(values.size()), [&](void* data) {
+  return fillVariantArray(v, MV_VT_VARIANT, static_cast<uint32_t>(values.size()), [&](void* data) {
     for (std::size_t i = 0; i < values.size(); ++i) {
       VARIANT& e = static_cast<VARIANT*>(data)[i];
       e.vt = MV_VT_I4;
@@ -75,7 +56,7 @@ bool putInts(VARIANT* v, const std::vector<int32_t>& values) {
 }
 
 bool putBytes(VARIANT* v, const uint8_t* bytes, std::size_t size) {
-  return putArray(v, MV_VT_UI1, static_cast<uint32_t>(size), [&](void* data) {
+  return fillVariantArray(v, MV_VT_UI1, static_cast<uint32_t>(size), [&](void* data) {
     if (size) std::memcpy(data, bytes, size);
   });
 }

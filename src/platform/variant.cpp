@@ -159,15 +159,7 @@ uint32_t safeArrayCount(const SAFEARRAY* array) {
 }
 
 bool Variant::makeArray(VARTYPE elementType, uint32_t count) {
-  SAFEARRAY* array = safeArrayCreateVector(elementType, 0, count);
-  if (array == nullptr) return false;
-  if (MVVariantClear(&v_) != 0) {
-    safeArrayDestroy(array);
-    return false;
-  }
-  v_.vt = static_cast<VARTYPE>(MV_VT_ARRAY | elementType);
-  v_.parray = array;
-  return true;
+  return fillVariantArray(&v_, elementType, count, [](void*) {});
 }
 
 }  // namespace mv

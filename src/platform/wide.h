@@ -50,6 +50,24 @@ int32_t safeArrayUnaccessData(SAFEARRAY* array);
 VARTYPE safeArrayElementType(const SAFEARRAY* array);
 uint32_t safeArrayCount(const SAFEARRAY* array);
 
+// Makes `v` hold a fresh zero-filled array of `count` elements of `elementType` (what it held
+// is cleared) and lets `fill` write the elements through their storage; false, with `v` as it
+// was, for a null `v`, a locked array in it, or no memory.
+template <typename Fill>
+bool fillVariantArray(VARIANT* v, VARTYPE elementType, uint32_t count, Fill fill) {
+  if (v == nullptr) return false;
+  SAFEARRAY* array = safeArrayCreateVector(elementType, 0, count);
+  if (array == nullptr) return false;
+  if (MVVariantClear(v) != 0) {
+    safeArrayDestroy(array);
+    return false;
+  }
+  fill(array->pvData);
+  v->vt = static_cast<VARTYPE>(MV_VT_ARRAY | elementType);
+  v->parray = array;
+  return true;
+}
+
 // Owns one VARIANT and clears it on destruction.
 class Variant {
  public:
