@@ -109,7 +109,8 @@ bool parseConfig(std::string_view text, OptionMap& out, std::string& error) {
     const std::string name(trimmed(line.substr(0, eq)));
     const std::string value(trimmed(line.substr(eq + 1)));
     if (name == "config" || (!kValued.count(name) && !kFlags.count(name))) {
-      error = where + ": unknown name \"" + name + "\"";
+      error = where;
+      error.append(": unknown name \"").append(name).append("\"");
       return false;
     }
     out[name] = value;

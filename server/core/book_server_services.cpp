@@ -312,8 +312,13 @@ int32_t BookServer::Carryingin(BSTR dbName, int32_t isFirst, int32_t bytes, VARI
     return fail(kFileFailed, "持ち込みファイルに書けません");
   }
   if (isLast != 1) return kOk;
-  std::fclose(carryIn_.file);
+  // The file is whole only once it is closed: a failing close (a full disk) fails the carry.
+  const bool closed = std::fclose(carryIn_.file) == 0;
   carryIn_.file = nullptr;
+  if (!closed) {
+    closeCarry(carryIn_, false);
+    return fail(kFileFailed, "持ち込みファイルに書けません");
+  }
   if (core_->openElsewhere(db, id_)) {
     closeCarry(carryIn_, false);
     return fail(kDatabaseInUse, "データベース「" + db + "」は他の接続で使用中です");
@@ -414,7 +419,8 @@ int32_t BookServer::DBBackUpBase(int32_t, int32_t, int32_t) {
   if (ec) return fail(kFileFailed, "バックアップフォルダを作れません: " + ec.message());
   std::string error;
   for (const std::string& db : core_->engine().list()) {
-    if (!core_->engine().exportFile(db, folder + "/" + db + ".sqlite", error)) {
+    if (!core_->engine().exportFile(
+            db, std::string(folder).append("/").append(db).append(".sqlite"), error)) {
       return fail(kStorageFailed, "バックアップに失敗しました: " + error);
     }
   }
@@ -501,8 +507,8 @@ int32_t BookServer::GetServerFreeSpace(int32_t* freeSpace) {
   if (freeSpace == nullptr || ::statvfs(core_->folder().c_str(), &s) != 0) {
     return fail(kFileFailed, "空き容量を調べられません");
   }
-  *freeSpace =
-      clampInt(static_cast<int64_t>(s.f_bavail) * static_cast<int64_t>(s.f_frsize) / (1024 * 1024));
+  *freeSpace = clampInt(static_cast<int64_t>(s.f_bavail) * static_cast<int64_t>(s.f_frsize) /
+                        (int64_t{1024} * 1024));
   return kOk;
 }
 

@@ -20,7 +20,7 @@ namespace {
 namespace stdfs = std::filesystem;
 
 constexpr char kSuffix[] = ".sqlite";
-constexpr std::size_t kBlobChunk = 256 * 1024;
+constexpr std::size_t kBlobChunk = std::size_t{256} * 1024;
 
 std::string quoteIdent(std::string_view name) {
   std::string s = "\"";

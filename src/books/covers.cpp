@@ -196,7 +196,6 @@ void stampUtcNow(char (&field)[20]) {
 }  // namespace mv
 
 using mv::connection;
-using mv::failed;
 
 extern "C" {
 

@@ -114,7 +114,6 @@ bool fillDispRecord(RecordWriter& record, const TagInfoRecord& info, int32_t tag
 
 }  // namespace mv
 
-using mv::connection;
 using mv::DbWork;
 using mv::failed;
 using mv::IBookServer;

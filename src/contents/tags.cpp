@@ -95,7 +95,6 @@ bool renameRow(DbWork& work, const char* table, const std::string& sql, int32_t 
 
 }  // namespace mv
 
-using mv::connection;
 using mv::DbWork;
 using mv::failed;
 using mv::IBookServer;

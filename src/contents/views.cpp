@@ -134,6 +134,7 @@ int32_t ViewTables::list(const FamilyTable& t, const char* db, int32_t parentID,
     return failure();
   }
   const int32_t rows = work.rowCount();
+  if (rows > 0 && records == nullptr && *count >= rows) return failure();  // no array to fill
   if (*count < rows) {
     work.abandon();
     *count = rows;
@@ -187,6 +188,8 @@ int viewCall(int32_t kind, bool argumentsGiven, Member member) {
   return member(tables, *mv::familyTable(kind));
 }
 
+// Record is a type, spliced where a type goes: it takes no parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define MV_VIEW_EXPORTS(Name, Record, kind)                                                   \
   MVAPI int MVAdd##Name(Record* info) {                                                       \
     return viewCall(kind, info != nullptr, [&](mv::ViewTables& v, const mv::FamilyTable& t) { \
@@ -208,6 +211,7 @@ int viewCall(int32_t kind, bool argumentsGiven, Member member) {
       return v.remove(t, mv::kSystemDb, tIndex);                                              \
     });                                                                                       \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 }  // namespace
 
