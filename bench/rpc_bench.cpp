@@ -21,17 +21,14 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -44,6 +41,7 @@
 #include <thread>
 #include <vector>
 
+#include "child_process.h"
 #include "frame/blocks.h"
 #include "frame/exchange.h"
 #include "rpc/remote_book_server.h"
@@ -79,116 +77,6 @@ struct Releaser {
   void operator()(mv::IBookServer* s) const { s->Release(); }
 };
 using ServerPtr = std::unique_ptr<mv::IBookServer, Releaser>;
-
-// ---------------------------------------------------------------------------------------------
-// bookserverd as a child. Its log is drained by a thread for the whole run: a full pipe would
-// block the daemon in the middle of a call.
-
-class Daemon {
- public:
-  Daemon() = default;
-  Daemon(const Daemon&) = delete;
-  Daemon& operator=(const Daemon&) = delete;
-  ~Daemon() { stop(); }
-
-  bool start(const std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
-    const pid_t parent = ::getpid();
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      // Only async-signal-safe calls until exec. The death signal covers a bench that crashes or
-      // is killed: the daemon must not outlive it holding the folder.
-      ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-      if (::getppid() != parent) ::_exit(126);
-      ::dup2(fds[1], STDERR_FILENO);
-      ::dup2(fds[1], STDOUT_FILENO);
-      ::execv(argv[0], argv.data());
-      ::_exit(127);
-    }
-    ::close(fds[1]);
-    if (pid_ < 0) {
-      ::close(fds[0]);
-      return false;
-    }
-    log_fd_ = fds[0];
-    reader_ = std::thread(&Daemon::drain, this);
-    return true;
-  }
-
-  // The port of the "listening on HOST:PORT" line; 0 when it did not come within `limit`.
-  uint16_t waitForPort(std::chrono::milliseconds limit) {
-    constexpr std::string_view kMark = "listening on ";
-    std::unique_lock lock(mutex_);
-    std::size_t at = std::string::npos;
-    changed_.wait_for(lock, limit, [&] {
-      at = log_.find(kMark);
-      return (at != std::string::npos && log_.find('\n', at) != std::string::npos) || ended_;
-    });
-    if (at == std::string::npos || log_.find('\n', at) == std::string::npos) return 0;
-    const std::size_t from = at + kMark.size();
-    const std::string address = log_.substr(from, log_.find_first_of(" \n", from) - from);
-    const std::size_t colon = address.rfind(':');
-    if (colon == std::string::npos) return 0;
-    return static_cast<uint16_t>(std::strtoul(address.c_str() + colon + 1, nullptr, 10));
-  }
-
-  // SIGTERM, then SIGKILL if it has not ended within 10 s. The exit status, or -N after signal N;
-  // nothing when there was no daemon.
-  std::optional<int> stop() {
-    if (pid_ <= 0) return std::nullopt;
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    const auto end = std::chrono::steady_clock::now() + 10s;
-    pid_t done = 0;
-    while ((done = ::waitpid(pid_, &status, WNOHANG)) == 0 &&
-           std::chrono::steady_clock::now() < end) {
-      std::this_thread::sleep_for(10ms);
-    }
-    if (done == 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, &status, 0);
-    }
-    pid_ = -1;
-    if (reader_.joinable()) reader_.join();
-    if (log_fd_ >= 0) ::close(log_fd_);
-    log_fd_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
-  std::string log() {
-    std::lock_guard lock(mutex_);
-    return log_;
-  }
-
- private:
-  void drain() {
-    char buffer[4096];
-    for (;;) {
-      const ssize_t n = ::read(log_fd_, buffer, sizeof buffer);
-      if (n < 0 && errno == EINTR) continue;
-      std::lock_guard lock(mutex_);
-      if (n <= 0) {
-        ended_ = true;
-        changed_.notify_all();
-        return;
-      }
-      log_.append(buffer, static_cast<std::size_t>(n));
-      changed_.notify_all();
-    }
-  }
-
-  pid_t pid_ = -1;
-  int log_fd_ = -1;
-  std::thread reader_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::string log_;
-  bool ended_ = false;
-};
 
 // ---------------------------------------------------------------------------------------------
 // Plain sockets for the baselines.
@@ -730,9 +618,11 @@ int runAll(int argc, char** argv) {
   run.daemonFolder = daemonFolder.path;
   run.embeddedFolder = embeddedFolder.path;
 
-  Daemon daemon;
-  if (!daemon.start(
-          {BOOKSERVERD, "--data", daemonFolder.path.string(), "--listen", "127.0.0.1:0"})) {
+  // Its log is drained by the helper's thread for the whole run: a full pipe would block the
+  // daemon in the middle of a call.
+  mvtest::ChildProcess daemon(
+      {BOOKSERVERD, "--data", daemonFolder.path.string(), "--listen", "127.0.0.1:0"});
+  if (!daemon.started()) {
     std::fprintf(stderr, "cannot start %s\n", BOOKSERVERD);
     return 1;
   }
@@ -749,7 +639,8 @@ int runAll(int argc, char** argv) {
   // The servers before the daemon and the folders: sessions end cleanly, locks are let go.
   run.remote.reset();
   run.embedded.reset();
-  const std::optional<int> status = daemon.stop();
+  daemon.signal(SIGTERM);
+  const std::optional<int> status = daemon.waitExit(10s);  // else the helper kills it
   if (status != 0) {
     std::fprintf(stderr, "bookserverd ended with status %d:\n%s", status.value_or(-1),
                  daemon.log().c_str());

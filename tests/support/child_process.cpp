@@ -1,8 +1,8 @@
 #include "child_process.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,46 +13,18 @@
 
 namespace mvtest {
 
-TempFolder::TempFolder(std::string_view tag) {
-  static std::atomic<int> serial{0};
-  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string test = info ? std::string(info->name()) : std::string("none");
-  for (char& c : test) {
-    if (c == '/') c = '_';  // parameterised names hold a slash
-  }
-  path_ = ::testing::TempDir() + "mvcore-test-" + std::string(tag) + "-" + test + "-" +
-          std::to_string(::getpid()) + "-" + std::to_string(++serial);
-  std::error_code ec;
-  std::filesystem::remove_all(path_, ec);
-  std::filesystem::create_directories(path_, ec);
-  EXPECT_FALSE(ec) << ec.message();
-}
-
-TempFolder::~TempFolder() {
-  std::error_code ec;
-  std::filesystem::remove_all(path_, ec);
-}
-
-std::string TempFolder::write(std::string_view name, std::string_view content) const {
-  const std::string file = *this / name;
-  std::ofstream(file, std::ios::binary) << content;
-  std::filesystem::permissions(
-      file, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-  return file;
-}
-
 ChildProcess::ChildProcess(const std::vector<std::string>& args) {
   std::vector<char*> argv;
   for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
   int pipeFds[2];
-  if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
-    ADD_FAILURE() << "cannot make a pipe";
-    return;
-  }
+  if (::pipe2(pipeFds, O_CLOEXEC) != 0) return;
+  const pid_t parent = ::getpid();
   pid_ = ::fork();
   if (pid_ == 0) {
-    // Only async-signal-safe calls between fork and exec: the test process has threads.
+    // Only async-signal-safe calls between fork and exec: the parent process has threads.
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != parent) ::_exit(126);
     ::dup2(pipeFds[1], STDERR_FILENO);
     ::dup2(pipeFds[1], STDOUT_FILENO);
     ::execv(argv[0], argv.data());
@@ -60,10 +32,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& args) {
   }
   ::close(pipeFds[1]);
   if (pid_ < 0) {
-    ADD_FAILURE() << "cannot fork";
     ::close(pipeFds[0]);
     return;
   }
+  started_ = true;
   errors_ = pipeFds[0];
   reader_ = std::thread(&ChildProcess::readErrors, this);
 }

@@ -1,5 +1,6 @@
 // bookserverd (or any program) run as a child process: its standard error captured as it
-// comes, every wait bounded, and nothing left running or behind when a test ends.
+// comes, every wait bounded, and nothing left running or behind when its owner ends. Free of
+// the test framework, so the benchmarks start their daemon with it too.
 #pragma once
 
 #include <sys/types.h>
@@ -14,31 +15,19 @@
 #include <thread>
 #include <vector>
 
+#include "temp_folder.h"
+
 namespace mvtest {
 
 using namespace std::chrono_literals;
 
-// A fresh folder of a test's own, removed with everything in it at the end.
-class TempFolder {
- public:
-  explicit TempFolder(std::string_view tag);
-  ~TempFolder();
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
-  // Writes a file in the folder (mode 0600) and gives its path.
-  std::string write(std::string_view name, std::string_view content) const;
-
- private:
-  std::string path_;
-};
-
 class ChildProcess {
  public:
-  // args[0] is the program's path.
+  // args[0] is the program's path. The child gets SIGTERM if its parent dies, so it never
+  // outlives a crashed test or benchmark holding a data folder.
   explicit ChildProcess(const std::vector<std::string>& args);
+  // False when the program could not be started at all.
+  bool started() const { return started_; }
   // Kills a child that is still running and reaps it.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
@@ -57,6 +46,7 @@ class ChildProcess {
   void readErrors();
 
   pid_t pid_ = -1;
+  bool started_ = false;
   int errors_ = -1;
   std::thread reader_;
   std::mutex mutex_;
