@@ -301,6 +301,7 @@ void logToStderr(const std::string& line) {
 
 Daemon::Daemon(ServeOptions options) : options_(std::move(options)) {
   gate_.core = options_.core;
+  gate_.sessions = options_.sessions;
   if (!options_.tokens.empty()) gate_.tokens = std::make_shared<Tokens>(options_.tokens);
   gate_.refusalDelay = options_.refusalDelay;
   gate_.log = options_.log;

@@ -74,6 +74,8 @@ void logToStderr(const std::string& line);
 
 struct ServeOptions {
   std::shared_ptr<server::ServerCore> core;
+  // Makes a logged-on client's session; unset, a session of `core`'s server.
+  std::function<IBookServer*()> sessions;
   std::vector<std::string> tokens;  // none: any token logs on
   std::string tlsCertPem;           // both empty: no TLS
   std::string tlsKeyPem;

@@ -4,7 +4,10 @@
 
 #include <fstream>
 
+#include "frame/server_methods.h"
 #include "rpc/book_server_stub.h"
+#include "rpc/convert.h"
+#include "server/core/book_server.h"
 
 namespace mv::rpc {
 
@@ -74,10 +77,27 @@ kj::Promise<void> GateServer::login(LoginContext context) {
 }
 
 kj::Promise<void> GateServer::answer(LoginContext context) {
-  const auto token = context.getParams().getToken();
+  const auto params = context.getParams();
+  const auto token = params.getToken();
   if (!shared_.tokens || !shared_.tokens->required() ||
       shared_.tokens->accepts(std::string_view(token.cStr(), token.size()))) {
-    context.getResults().setServer(kj::heap<BookServerStub>(shared_.core));
+    auto results = context.getResults();
+    results.setWire(kWireFormat);
+    results.setMethods(serverMethodsSignature());
+    if (params.getWire() != kWireFormat || params.getMethods() != serverMethodsSignature()) {
+      const std::string why = "the client speaks wire " + std::to_string(params.getWire()) +
+                              " with methods " + std::to_string(params.getMethods()) +
+                              ", this daemon wire " + std::to_string(kWireFormat) +
+                              " with methods " + std::to_string(serverMethodsSignature());
+      if (shared_.log) shared_.log("login refused for " + peer_ + ": " + why);
+      // A client from before the wire had versions cannot read the answer's; it is told why in
+      // the exception. A later one reads the versions and reports them itself.
+      if (params.getWire() == 0) kj::throwFatalException(KJ_EXCEPTION(FAILED, why.c_str()));
+      return kj::READY_NOW;
+    }
+    IBookServer* session =
+        shared_.sessions ? shared_.sessions() : new server::BookServer(shared_.core);
+    results.setServer(kj::heap<BookServerStub>(session));
     *loggedIn_ = true;
     if (shared_.log) {
       shared_.log("login from " + peer_ + " (" + std::to_string(shared_.core->liveSessions()) +

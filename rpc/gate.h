@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "frame/IBookServer.h"
 #include "rpc/book_server.capnp.h"
 #include "server/core/server_core.h"
 
@@ -44,6 +45,8 @@ class GateServer final : public ::Gate::Server {
  public:
   struct Shared {
     std::shared_ptr<server::ServerCore> core;
+    // Makes a logged-on client's session; unset, a session of `core`'s server.
+    std::function<IBookServer*()> sessions;
     std::shared_ptr<const Tokens> tokens;
     kj::Duration refusalDelay = 1 * kj::SECONDS;
     LogFn log;

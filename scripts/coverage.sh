@@ -12,5 +12,5 @@ scripts/setup.sh coverage
 find build/coverage -name '*.gcda' -delete
 ctest --preset coverage -j "$(nproc)" || true
 gcovr --root . --filter 'src/' --filter 'server/' --filter 'rpc/' --exclude '.*/generated/.*' \
-  --gcov-ignore-errors=no_working_dir_found --exclude-unreachable-branches \
+  --exclude-unreachable-branches \
   --print-summary --html-details build/coverage/coverage.html "$@" build/coverage

@@ -126,6 +126,21 @@ SAFEARRAY* safeArrayCreateVector(VARTYPE elementType, int32_t lowerBound, uint32
   return &array;
 }
 
+SAFEARRAY* safeArrayCreateView(uint8_t* data, uint32_t count) {
+  // The header alone: destroying the array frees its block, which holds no elements.
+  void* memory = std::calloc(1, sizeof(ArrayBlock));
+  if (memory == nullptr) return nullptr;
+  auto* block = new (memory) ArrayBlock{};
+  block->elementType = MV_VT_UI1;
+  SAFEARRAY& array = block->array;
+  array.cDims = 1;
+  array.fFeatures = kFeatureHaveVarType;
+  array.cbElements = 1;
+  array.pvData = data;
+  array.rgsabound[0].cElements = count;
+  return &array;
+}
+
 int32_t safeArrayDestroy(SAFEARRAY* array) {
   if (array == nullptr) return 0;
   if (lockedAnywhere(array)) return kFailed;

@@ -31,6 +31,8 @@ class Bstr {
   // Frees the current text and gives the address for a callee to fill.
   BSTR* out();
   BSTR release() { return std::exchange(s_, nullptr); }
+  // The address of the held text, for a callee that may replace it (freeing the old one).
+  BSTR* inOut() { return &s_; }
   std::u16string_view view() const;
   bool empty() const { return view().empty(); }
 
@@ -41,6 +43,9 @@ class Bstr {
 // One-dimensional safe arrays of VT_VARIANT, VT_BSTR or VT_UI1 elements, lower bound 0 unless
 // given. Elements are zero-filled. nullptr for another element type or when out of memory.
 SAFEARRAY* safeArrayCreateVector(VARTYPE elementType, int32_t lowerBound, uint32_t count);
+// A byte array over `count` bytes that stay the caller's: destroying it frees only the array
+// itself. The bytes must outlive it. nullptr when out of memory.
+SAFEARRAY* safeArrayCreateView(uint8_t* data, uint32_t count);
 // Frees the array and what its elements hold. Non-zero (and nothing freed) while locked.
 int32_t safeArrayDestroy(SAFEARRAY* array);
 // Locks the array and gives its element storage; unlock with safeArrayUnaccessData.

@@ -197,99 +197,11 @@ TEST_F(RemoteRows, ClosingTheHandleOrDeletingTheDatabaseForgetsItsRows) {
   EXPECT_EQ(daemon.log().getRecords, 2);
 }
 
-// --- what crosses the wire ---------------------------------------------------------------------
-
-class RemoteCalls : public RemoteTest {};
-
-TEST_F(RemoteCalls, StatusesAndOutParametersTravelBothWays) {
-  Link s(daemon);
-  int32_t first = 5, second = 6;
-  EXPECT_EQ(s->GetConnect(&first, &second), 0);
-  EXPECT_EQ(daemon.log().connectFirst, 5);
-  EXPECT_EQ(daemon.log().connectSecond, 6);
-  EXPECT_EQ(first, 105);
-  EXPECT_EQ(second, 6);
-
-  // A failure hands back what the server left: a changed `a`, an untouched `b`, a text holder
-  // still null.
-  BSTR text = nullptr;
-  int32_t a = 1, b = 2;
-  EXPECT_EQ(s->GetOption(5, &text, &a, &b), kBadArgument);
-  EXPECT_EQ(a, 77);
-  EXPECT_EQ(b, 2);
-  EXPECT_EQ(text, nullptr);
-  EXPECT_EQ(s->GetOption(0, &text, &a, &b), 0);
-  EXPECT_EQ(mvtest::text(text), u"BookServer");
-  MVSysFreeString(text);
-
-  // An out value the wire does not send reaches the caller only on success.
-  int32_t out = 12345;
-  EXPECT_EQ(s->OpenDatabase(db.get(), 0, &out), kMissingDatabase);
-  EXPECT_EQ(out, 12345);
-  mv::Variant rec;
-  makeTexts(rec, {u"TABLENAME=H9"});
-  int32_t index = 0;
-  EXPECT_EQ(s->AddRecord(db.get(), rec.get(), 1, &index), 0);
-  EXPECT_EQ(index, 4242);
-  index = 41;
-  EXPECT_EQ(s->UpdateRecord(db.get(), rec.get(), 1, &index), 0);
-  EXPECT_EQ(index, 42);
-
-  int64_t size = int64_t{1} << 40;
-  EXPECT_EQ(s->GetDatabaseSize2(db.get(), &size), 0);
-  EXPECT_EQ(size, int64_t{1} << 41);
-  double date = 45000.25;
-  EXPECT_EQ(s->ImageFileDate(db.get(), nullptr, 0, 1, &date), 0);
-  EXPECT_EQ(date, 45001.75);
-
-  mv::Bstr info, message;
-  EXPECT_EQ(s->GetServerInfo(info.out()), 0);
-  EXPECT_EQ(info.view(), u"test daemon");
-  EXPECT_EQ(s->GetLastError(message.out()), 0);
-  EXPECT_EQ(message.view(), u"行がありません");
-}
-
-TEST_F(RemoteCalls, AnUploadSendsOnlyItsGoodBytesAndADownloadArrivesWhole) {
-  Link s(daemon);
-  mv::Variant rec, block;
-  makeTexts(rec, {u"DBNAME=Book1", u"TABLENAME=H1", u"MSTKEY=5", u"KEY=Image"});
-  ASSERT_TRUE(block.makeArray(MV_VT_UI1, 307200));
-  auto* bytes = static_cast<uint8_t*>(block.get()->parray->pvData);
-  std::memset(bytes, 0xEE, 307200);
-  for (int i = 0; i < 1000; ++i) bytes[i] = static_cast<uint8_t>(i * 13);
-  ASSERT_EQ(s->UpLoadData(rec.get(), 1, 1000, block.get(), 1), 0);
-  {
-    std::lock_guard<std::mutex> lock(daemon.log().mutex);
-    EXPECT_EQ(daemon.log().uploaded, std::vector<uint8_t>(bytes, bytes + 1000));
-    EXPECT_EQ(
-        daemon.log().uploadRecord,
-        (std::vector<std::u16string>{u"DBNAME=Book1", u"TABLENAME=H1", u"MSTKEY=5", u"KEY=Image"}));
-  }
-  EXPECT_EQ(daemon.log().uploadBytes, 1000);
-
-  mv::Variant down;
-  int32_t isEnd = 0, got = 0;
-  ASSERT_EQ(s->DownLoadData(db.get(), nullptr, nullptr, 0, 1, 307200, down.get(), &isEnd, &got), 0);
-  ASSERT_EQ(down.get()->vt, MV_VT_ARRAY | MV_VT_UI1);
-  ASSERT_EQ(mv::safeArrayCount(down.get()->parray), 153600u);
-  const auto* data = static_cast<const uint8_t*>(down.get()->parray->pvData);
-  for (unsigned i = 0; i < 153600; ++i) ASSERT_EQ(data[i], static_cast<uint8_t>(i * 7 + 3)) << i;
-  EXPECT_EQ(isEnd, 1);
-  EXPECT_EQ(got, 153600);
-}
-
-TEST_F(RemoteCalls, AMethodTheDaemonLacksFailsThatCallOnly) {
-  Link s(daemon);
-  EXPECT_EQ(s->CheckTBL(db.get(), table.get()), kStatusCallFailed);
-  EXPECT_FALSE(s.remote()->broken());
-  EXPECT_EQ(s->ConnectCheck(), 0);
-}
-
 // --- the link ----------------------------------------------------------------------------------
 
-class RemoteLink : public RemoteTest {};
+class LinkTest : public RemoteTest {};
 
-TEST_F(RemoteLink, NobodyListeningIsServerUnavailableAtOnce) {
+TEST_F(LinkTest, NobodyListeningIsServerUnavailableAtOnce) {
   mv::rpc::ServerEndpoint e;
   e.address = "127.0.0.1";
   e.port = closedPort();
@@ -301,7 +213,7 @@ TEST_F(RemoteLink, NobodyListeningIsServerUnavailableAtOnce) {
   EXPECT_FALSE(mv::rpc::lastConnectError().empty());
 }
 
-TEST_F(RemoteLink, TheSocketProbesForADeadPeer) {
+TEST_F(LinkTest, TheSocketProbesForADeadPeer) {
   Link s(daemon);
   mv::rpc::KeepAlive k{0, 0, 0};
   ASSERT_TRUE(s.remote()->keepAlive(k));
@@ -310,7 +222,7 @@ TEST_F(RemoteLink, TheSocketProbesForADeadPeer) {
   EXPECT_EQ(k.count, 3);
 }
 
-TEST_F(RemoteLink, ADeadDaemonFailsEveryCallPromptly) {
+TEST_F(LinkTest, ADeadDaemonFailsEveryCallPromptly) {
   Link s(daemon);
   const std::u16string handle = open(*s.get());
   ASSERT_EQ(s->ConnectCheck(), 0);
@@ -333,7 +245,7 @@ TEST_F(RemoteLink, ADeadDaemonFailsEveryCallPromptly) {
   s.release();  // a broken link still goes quietly
 }
 
-TEST_F(RemoteLink, ACallUnderWayWhenTheDaemonDiesFailsAndLaterOnesFindItGone) {
+TEST_F(LinkTest, ACallUnderWayWhenTheDaemonDiesFailsAndLaterOnesFindItGone) {
   Link s(daemon);
   std::thread killer([&] {
     std::this_thread::sleep_for(milliseconds(200));
@@ -349,7 +261,7 @@ TEST_F(RemoteLink, ACallUnderWayWhenTheDaemonDiesFailsAndLaterOnesFindItGone) {
   EXPECT_EQ(s->ConnectCheck(), kStatusServerUnavailable);
 }
 
-TEST_F(RemoteLink, TheTokenIsSentAndAWrongOneIsRefused) {
+TEST_F(LinkTest, TheTokenIsSentAndAWrongOneIsRefused) {
   DaemonOptions o;
   o.token = "s3cret";
   TestDaemon guarded(o);
@@ -367,7 +279,7 @@ TEST_F(RemoteLink, TheTokenIsSentAndAWrongOneIsRefused) {
   EXPECT_EQ(guarded.log().tokens, (std::vector<std::string>{"s3cret", "guess", ""}));
 }
 
-TEST_F(RemoteLink, TwoLinksOnOneThreadShareItsLoopAndEndTheirSessions) {
+TEST_F(LinkTest, TwoLinksOnOneThreadShareItsLoopAndEndTheirSessions) {
   DaemonOptions o;
   o.name = "second daemon";
   TestDaemon other(o);

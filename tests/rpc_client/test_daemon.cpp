@@ -12,7 +12,11 @@
 #include <map>
 #include <stdexcept>
 
+#include "frame/IBookServer.h"
+#include "platform/wide.h"
 #include "rpc/book_server.capnp.h"
+#include "rpc/book_server_stub.h"
+#include "rpc/convert.h"
 
 namespace mvtest {
 
@@ -21,18 +25,6 @@ namespace {
 std::u16string number(int64_t n) {
   std::u16string s;
   for (char c : std::to_string(n)) s += static_cast<char16_t>(c);
-  return s;
-}
-
-capnp::Data::Reader bytes(const std::u16string& s) {
-  return {reinterpret_cast<const capnp::byte*>(s.data()), s.size() * sizeof(char16_t)};
-}
-
-std::u16string text(capnp::Data::Reader b) {
-  std::u16string s(b.size() / 2, u'\0');
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    s[i] = static_cast<char16_t>(b[2 * i] | (b[2 * i + 1] << 8));
-  }
   return s;
 }
 
@@ -45,257 +37,233 @@ struct State {
   kj::Timer* timer = nullptr;
 };
 
-// Answers one DownLoadData of the blob as the server would.
-void answerBlock(const DaemonOptions& o, const DownloadRequest& q,
-                 ::BookServer::DownLoadDataResults::Builder r) {
-  if (q.blockNo < 1 || q.blockSize <= 0) {
-    r.setStatus(kBadArgument);
-    return;
-  }
-  if (q.blockNo == o.failBlock) {
-    // Values a failure must not hand to the caller.
-    r.setIsEnd(1);
-    r.setBytes(12345);
-    r.setStatus(kReadFailed);
-    return;
-  }
-  const int64_t offset = int64_t{q.blockNo - 1} * q.blockSize;
-  const int64_t most = int64_t{q.blockSize} * (o.doubleBlocks ? 2 : 1);
-  const int64_t n = std::clamp<int64_t>(o.blobBytes - offset, 0, most);
-  r.setStatus(0);
-  r.setIsEnd(offset + n >= o.blobBytes ? 1 : 0);
-  r.setBytes(static_cast<int32_t>(n));
-  if (n == 0) return;
-  auto b = r.initBlock();
-  b.setPresent(true);
-  auto data = b.initData(static_cast<unsigned>(n));
-  for (int64_t i = 0; i < n; ++i) {
-    data[static_cast<unsigned>(i)] = blobByte(q.column, q.rowIndex, offset + i);
-  }
+std::u16string text(BSTR s) { return s == nullptr ? u"" : std::u16string(s, MVSysStringLen(s)); }
+
+void putText(BSTR* holder, const std::u16string& t) {
+  if (holder == nullptr) return;
+  MVSysFreeString(*holder);
+  *holder = mv::Bstr(t).release();
 }
+
+template <typename T>
+T at(std::span<const mv::ArgRef> args, std::size_t i) {
+  return std::get<T>(args[i]);
+}
+
+// The session behind the daemon's real stub: a handful of methods over one made-up table.
+class FakeSession final : public mv::ForwardingServer {
+ public:
+  explicit FakeSession(State& state) : s_(state) { ++s_.log.sessions; }
+  ~FakeSession() override { --s_.log.sessions; }
+
+ protected:
+  // Positions are the arguments' places in the method table's rows.
+  int32_t forward(const mv::ServerMethod& m, std::span<const mv::ArgRef> args) override {
+    switch (m.number) {
+      case 24:  // ExecuteQuery
+      case 60:  // OpenTableEx
+        return open(at<int32_t*>(args, 4), at<BSTR*>(args, 5));
+      case 46:  // OpenTable
+        return open(at<int32_t*>(args, 3), at<BSTR*>(args, 4));
+      case 25:  // GetRecords
+        return row(at<BSTR>(args, 1), at<int32_t>(args, 2), at<VARIANT*>(args, 3));
+      case 47:  // CloseTable
+        return s_.handles.erase(text(at<BSTR>(args, 1))) > 0 ? 0 : kBadHandle;
+      case 8:  // DeleteDatabase
+        s_.handles.clear();
+        return 0;
+      case 19:  // AddRecord
+        ++s_.generation;
+        *at<int32_t*>(args, 3) = 4242;
+        return 0;
+      case 20:  // UpdateRecord
+        ++s_.generation;
+        *at<int32_t*>(args, 3) += 1;
+        return 0;
+      case 42:  // DeleteRecord
+      case 62:  // DeleteRecords
+        ++s_.generation;
+        return 0;
+      case 40:  // UpLoadData
+        return upLoad(at<VARIANT*>(args, 0), at<int32_t>(args, 2), at<VARIANT*>(args, 3));
+      case 26:  // DownLoadData
+        return downLoad(args);
+      case 10:  // OpenDatabase: fails, with an out value that must not reach the caller
+        *at<int32_t*>(args, 2) = 99;
+        return kMissingDatabase;
+      case 35:  // GetConnect
+        s_.log.connectFirst = *at<int32_t*>(args, 0);
+        s_.log.connectSecond = *at<int32_t*>(args, 1);
+        *at<int32_t*>(args, 0) += 100;
+        return 0;
+      case 68: {  // GetOption: kind 5 fails but still changes `a`
+        const int32_t kind = at<int32_t>(args, 0);
+        *at<int32_t*>(args, 2) = 77;
+        if (kind != 5) putText(at<BSTR*>(args, 1), u"BookServer");
+        return kind == 5 ? kBadArgument : 0;
+      }
+      case 95:  // GetDatabaseSize2
+        *at<int64_t*>(args, 1) *= 2;
+        return 0;
+      case 76:  // ImageFileDate
+        *at<double*>(args, 4) += 1.5;
+        return 0;
+      case 58: {  // GetServerInfo
+        std::u16string name;
+        for (char c : s_.options.name) name += static_cast<char16_t>(c);
+        putText(at<BSTR*>(args, 0), name);
+        return 0;
+      }
+      case 73:  // GetLastError
+        putText(at<BSTR*>(args, 0), u"行がありません");
+        return 0;
+      default:
+        return 0;
+    }
+  }
+
+ private:
+  int32_t open(int32_t* rowCount, BSTR* handle) {
+    ++s_.log.opens;
+    const std::u16string h = u"H" + number(++s_.serial);
+    s_.handles[h] = true;
+    *rowCount = s_.options.rows;
+    putText(handle, h);
+    return 0;
+  }
+
+  int32_t row(BSTR handle, int32_t index, VARIANT* out) {
+    if (s_.handles.count(text(handle)) == 0) return kBadHandle;
+    if (index < 0 || index >= s_.options.rows) return kNoRow;
+    mv::fillVariantArray(out, MV_VT_VARIANT, 2, [&](void* data) {
+      for (int c = 0; c < 2; ++c) {
+        auto& e = static_cast<VARIANT*>(data)[c];
+        e.vt = MV_VT_BSTR;
+        e.bstrVal = mv::Bstr(rowElement(index, c, s_.generation.load())).release();
+      }
+    });
+    return 0;
+  }
+
+  int32_t upLoad(const VARIANT* record, int32_t bytes, const VARIANT* block) {
+    ++s_.generation;
+    std::lock_guard<std::mutex> lock(s_.log.mutex);
+    s_.log.uploaded.clear();
+    if (block != nullptr && block->parray != nullptr) {
+      const auto* p = static_cast<const uint8_t*>(block->parray->pvData);
+      s_.log.uploaded.assign(p, p + mv::safeArrayCount(block->parray));
+    }
+    s_.log.uploadRecord.clear();
+    const auto* e = static_cast<const VARIANT*>(record->parray->pvData);
+    for (uint32_t i = 0; i < mv::safeArrayCount(record->parray); ++i) {
+      s_.log.uploadRecord.push_back(text(e[i].bstrVal));
+    }
+    s_.log.uploadBytes = bytes;
+    return 0;
+  }
+
+  // Without a blob, half the block asked for, flagged the end; with one, as the server does.
+  int32_t downLoad(std::span<const mv::ArgRef> args) {
+    const int32_t blockNo = at<int32_t>(args, 4);
+    const int32_t blockSize = at<int32_t>(args, 5);
+    VARIANT* block = at<VARIANT*>(args, 6);
+    int32_t* isEnd = at<int32_t*>(args, 7);
+    int32_t* bytes = at<int32_t*>(args, 8);
+    const DaemonOptions& o = s_.options;
+    if (o.blobBytes < 0) {
+      const auto n = static_cast<uint32_t>(blockSize / 2);
+      mv::fillVariantArray(block, MV_VT_UI1, n, [&](void* d) {
+        for (uint32_t i = 0; i < n; ++i)
+          static_cast<uint8_t*>(d)[i] = static_cast<uint8_t>(i * 7 + 3);
+      });
+      *isEnd = 1;
+      *bytes = static_cast<int32_t>(n);
+      return 0;
+    }
+    const std::u16string column = text(at<BSTR>(args, 2));
+    const int32_t rowIndex = at<int32_t>(args, 3);
+    {
+      std::lock_guard<std::mutex> lock(s_.log.mutex);
+      s_.log.downloads.push_back({column, rowIndex, blockNo, blockSize});
+    }
+    if (blockNo < 1 || blockSize <= 0) return kBadArgument;
+    if (blockNo == o.failBlock) {
+      // Values a failure must not hand to the caller.
+      *isEnd = 1;
+      *bytes = 12345;
+      return kReadFailed;
+    }
+    const int64_t offset = int64_t{blockNo - 1} * blockSize;
+    const int64_t most = int64_t{blockSize} * (o.doubleBlocks ? 2 : 1);
+    const int64_t n = std::clamp<int64_t>(o.blobBytes - offset, 0, most);
+    *isEnd = offset + n >= o.blobBytes ? 1 : 0;
+    *bytes = static_cast<int32_t>(n);
+    if (n == 0) return 0;
+    mv::fillVariantArray(block, MV_VT_UI1, static_cast<uint32_t>(n), [&](void* d) {
+      for (int64_t i = 0; i < n; ++i) {
+        static_cast<uint8_t*>(d)[i] = blobByte(column, rowIndex, offset + i);
+      }
+    });
+    return 0;
+  }
+
+  State& s_;
+};
 
 // Cap'n Proto's server bases have virtual functions but no virtual destructor: kj::heap's
 // disposer deletes the most derived type, so the warning does not apply.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-class FakeBookServer final : public ::BookServer::Server {
+// In front of the real stub: writes down what crossed the wire, holds DownLoadData answers back
+// as a daemon on the far side of a slow link would, and never answers CheckSQLServerType (a
+// call the daemon dies in the middle of).
+class SlowWire final : public ::BookServer::Server {
  public:
-  explicit FakeBookServer(State& state) : s_(state) { ++s_.log.sessions; }
-  ~FakeBookServer() { --s_.log.sessions; }
+  explicit SlowWire(State& state)
+      : s_(state), stub_(kj::heap<mv::rpc::BookServerStub>(new FakeSession(state))) {}
 
  protected:
-  template <typename Results>
-  void fillRows(Results r, int64_t first, uint64_t count) {
-    const int64_t end = std::min<int64_t>(s_.options.rows, first + static_cast<int64_t>(count));
-    const auto n = static_cast<unsigned>(std::max<int64_t>(0, end - first));
-    auto rows = r.initRows(n);
-    for (unsigned i = 0; i < n; ++i) {
-      auto e = rows[i].initElements(2);
-      for (int c = 0; c < 2; ++c) {
-        e.set(static_cast<unsigned>(c),
-              bytes(rowElement(static_cast<int>(first) + static_cast<int>(i), c,
-                               s_.generation.load())));
-      }
-    }
-  }
-
-  template <typename Context>
-  kj::Promise<void> openResult(Context context) {
-    ++s_.log.opens;
-    const uint32_t prefetch = context.getParams().getPrefetch();
-    s_.log.lastPrefetch = prefetch;
-    auto r = context.getResults();
-    const std::u16string handle = u"H" + number(++s_.serial);
-    s_.handles[handle] = true;
-    r.setStatus(0);
-    r.setRowCount(s_.options.rows);
-    r.setHandle(bytes(handle));
-    fillRows(r, 0, prefetch);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> openTable(OpenTableContext context) override { return openResult(context); }
-  kj::Promise<void> openTableEx(OpenTableExContext context) override { return openResult(context); }
-  kj::Promise<void> executeQuery(ExecuteQueryContext context) override {
-    return openResult(context);
-  }
-
-  kj::Promise<void> getRecords(GetRecordsContext context) override {
-    ++s_.log.getRecords;
+  kj::Promise<void> call(CallContext context) override {
     const auto p = context.getParams();
-    s_.log.lastCount = p.getCount();
-    s_.log.lastRowIndex = p.getRowIndex();
-    auto r = context.getResults();
-    if (s_.handles.count(text(p.getHandle())) == 0) {
-      r.setStatus(kBadHandle);
-    } else if (p.getRowIndex() < 0 || p.getRowIndex() >= s_.options.rows) {
-      r.setStatus(kNoRow);
-    } else {
-      r.setStatus(0);
-      fillRows(r, p.getRowIndex(), p.getCount());
+    switch (p.getMethod()) {
+      case 24:
+      case 46:
+      case 60:
+        s_.log.lastPrefetch = p.getRows();
+        break;
+      case 25:
+        ++s_.log.getRecords;
+        s_.log.lastCount = p.getRows();
+        s_.log.lastRowIndex = p.getArgs()[2].getInt();
+        break;
+      case 98:
+        return kj::NEVER_DONE;
+      default:
+        break;
     }
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> closeTable(CloseTableContext context) override {
-    const bool known = s_.handles.erase(text(context.getParams().getHandle())) > 0;
-    context.getResults().setStatus(known ? 0 : kBadHandle);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> deleteDatabase(DeleteDatabaseContext context) override {
-    s_.handles.clear();
-    context.getResults().setStatus(0);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> addRecord(AddRecordContext context) override {
-    ++s_.generation;
-    context.getResults().setStatus(0);
-    context.getResults().setNewIndex(4242);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> updateRecord(UpdateRecordContext context) override {
-    ++s_.generation;
-    context.getResults().setStatus(0);
-    context.getResults().setTIndex(context.getParams().getTIndex() + 1);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> deleteRecord(DeleteRecordContext context) override {
-    ++s_.generation;
-    context.getResults().setStatus(0);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> deleteRecords(DeleteRecordsContext context) override {
-    ++s_.generation;
-    context.getResults().setStatus(0);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> upLoadData(UpLoadDataContext context) override {
-    ++s_.generation;
-    const auto p = context.getParams();
-    {
-      std::lock_guard<std::mutex> lock(s_.log.mutex);
-      const auto data = p.getBlock().getData();
-      s_.log.uploaded.assign(data.begin(), data.end());
-      s_.log.uploadRecord.clear();
-      for (auto e : p.getRecord()) s_.log.uploadRecord.push_back(text(e));
-    }
-    s_.log.uploadBytes = p.getBytes();
-    context.getResults().setStatus(0);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> downLoadData(DownLoadDataContext context) override {
-    if (s_.options.blobBytes >= 0) return downLoadBlob(context);
-    const auto p = context.getParams();
-    auto r = context.getResults();
-    const auto n = static_cast<unsigned>(p.getBlockSize() / 2);
-    auto data = r.initBlock().initData(n);
-    for (unsigned i = 0; i < n; ++i) data[i] = static_cast<capnp::byte>(i * 7 + 3);
-    r.getBlock().setPresent(true);
-    r.setIsEnd(1);
-    r.setBytes(static_cast<int32_t>(n));
-    r.setStatus(0);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> downLoadBlob(DownLoadDataContext context) {
-    const auto p = context.getParams();
-    DownloadRequest q{text(p.getColumnName()), p.getRowIndex(), p.getBlockNo(), p.getBlockSize()};
-    {
-      std::lock_guard<std::mutex> lock(s_.log.mutex);
-      s_.log.downloads.push_back(q);
-    }
+    auto forwarded = stub_.callRequest();
+    forwarded.setMethod(p.getMethod());
+    forwarded.setArgs(p.getArgs());
+    forwarded.setRows(p.getRows());
+    if (p.getMethod() != 26 || s_.options.blobBytes < 0) return context.tailCall(kj::mv(forwarded));
+    // Each call waits on a timer of its own, so calls that arrive together wait together.
     const int waiting = ++s_.log.downloadsUnanswered;
     int most = s_.log.mostDownloadsUnanswered.load();
     while (waiting > most && !s_.log.mostDownloadsUnanswered.compare_exchange_weak(most, waiting)) {
     }
-    // Each call waits on a timer of its own, so calls that arrive together wait together, as
-    // with a daemon on the far side of a slow link.
-    auto answer = [&o = s_.options, &log = s_.log, context, q = std::move(q)]() mutable {
-      answerBlock(o, q, context.getResults());
-      --log.downloadsUnanswered;
-    };
-    if (s_.options.downloadDelayMs <= 0) {
-      answer();
-      return kj::READY_NOW;
-    }
-    return s_.timer->afterDelay(s_.options.downloadDelayMs * kj::MILLISECONDS).then(kj::mv(answer));
-  }
-
-  kj::Promise<void> openDatabase(OpenDatabaseContext context) override {
-    // Fails, with an out value that must not reach the caller.
-    context.getResults().setStatus(kMissingDatabase);
-    context.getResults().setOut(99);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> getConnect(GetConnectContext context) override {
-    const auto p = context.getParams();
-    s_.log.connectFirst = p.getFirst();
-    s_.log.connectSecond = p.getSecond();
-    auto r = context.getResults();
-    r.setStatus(0);
-    r.setFirst(p.getFirst() + 100);
-    r.setSecond(p.getSecond());
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> getOption(GetOptionContext context) override {
-    // Kind 5 fails but still changes `a`; `b` and the text come back as they went.
-    const auto p = context.getParams();
-    auto r = context.getResults();
-    r.setStatus(p.getKind() == 5 ? kBadArgument : 0);
-    r.setA(77);
-    r.setB(p.getB());
-    r.setText(p.getKind() == 5 ? p.getText() : bytes(u"BookServer"));
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> getDatabaseSize2(GetDatabaseSize2Context context) override {
-    context.getResults().setStatus(0);
-    context.getResults().setSize(context.getParams().getSize() * 2);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> imageFileDate(ImageFileDateContext context) override {
-    context.getResults().setStatus(0);
-    context.getResults().setDate(context.getParams().getDate() + 1.5);
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> getServerInfo(GetServerInfoContext context) override {
-    std::u16string name;
-    for (char c : s_.options.name) name += static_cast<char16_t>(c);
-    context.getResults().setStatus(0);
-    context.getResults().setInfo(bytes(name));
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> getLastError(GetLastErrorContext context) override {
-    context.getResults().setStatus(0);
-    context.getResults().setMessage(bytes(u"行がありません"));
-    return kj::READY_NOW;
-  }
-
-  kj::Promise<void> connectCheck(ConnectCheckContext context) override {
-    context.getResults().setStatus(0);
-    return kj::READY_NOW;
-  }
-
-  // Never answers: a call the daemon dies in the middle of.
-  kj::Promise<void> checkSQLServerType(CheckSQLServerTypeContext) override {
-    return kj::NEVER_DONE;
+    auto delay = s_.options.downloadDelayMs > 0
+                     ? s_.timer->afterDelay(s_.options.downloadDelayMs * kj::MILLISECONDS)
+                     : kj::Promise<void>(kj::READY_NOW);
+    return delay.then([this, context, forwarded = kj::mv(forwarded)]() mutable {
+      --s_.log.downloadsUnanswered;
+      return context.tailCall(kj::mv(forwarded));
+    });
   }
 
  private:
   State& s_;
+  ::BookServer::Client stub_;
 };
 
 class FakeGate final : public ::Gate::Server {
@@ -313,7 +281,10 @@ class FakeGate final : public ::Gate::Server {
       return KJ_EXCEPTION(FAILED, "token refused");
     }
     ++s_.log.logins;
-    context.getResults().setServer(kj::heap<FakeBookServer>(s_));
+    auto results = context.getResults();
+    results.setWire(mv::rpc::kWireFormat);
+    results.setMethods(mv::serverMethodsSignature());
+    results.setServer(kj::heap<SlowWire>(s_));
     return kj::READY_NOW;
   }
 

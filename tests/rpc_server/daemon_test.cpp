@@ -178,12 +178,8 @@ TEST(Bookserverd, InitSetsTheFolderUpAndExits) {
   Client client(wire, port);
   auto s = client.login();
   auto logon = [&](const char* user, const char* password) {
-    auto request = s.loginMgrRequest();
-    request.setFirst(U16(user));
-    request.setSecond(U16(""));
-    request.setThird(U16(password));
-    request.setFourth(1);
-    return wire.wait(request.send()).getStatus();
+    return call(wire, s, 57, {std::string(user), std::string(), std::string(password), 1})
+        .getStatus();
   };
   EXPECT_EQ(logon("boss", "pw"), 0);
   EXPECT_EQ(logon("admin", "admin"), kLogonRefused);

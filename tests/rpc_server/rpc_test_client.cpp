@@ -1,5 +1,7 @@
 #include "rpc_test_client.h"
 
+#include "frame/server_methods.h"
+#include "rpc/convert.h"
 #include "utf8.h"
 
 namespace mvtest::rpc {
@@ -56,10 +58,17 @@ Client::~Client() noexcept = default;
 
 Gate::Client Client::gate() { return rpc_->bootstrap().castAs<Gate>(); }
 
-BookServer::Client Client::login(const std::string& token) {
+capnp::Response<Gate::LoginResults> Client::loginAs(const std::string& token, uint32_t wire,
+                                                    uint64_t methods) {
   auto request = gate().loginRequest();
   request.setToken(token);
-  return wire_.wait(request.send()).getServer();
+  request.setWire(wire);
+  request.setMethods(methods);
+  return wire_.wait(request.send());
+}
+
+BookServer::Client Client::login(const std::string& token) {
+  return loginAs(token, mv::rpc::kWireFormat, mv::serverMethodsSignature()).getServer();
 }
 
 void Client::disconnect() {
@@ -70,19 +79,44 @@ void Client::disconnect() {
 
 kj::Promise<void> Client::onDisconnect() { return rpc_->onDisconnect(); }
 
+Answer call(Wire& wire, BookServer::Client& s, int32_t number, const std::vector<RawArg>& args,
+            uint32_t rows) {
+  auto request = s.callRequest();
+  request.setMethod(number);
+  request.setRows(rows);
+  auto list = request.initArgs(static_cast<unsigned>(args.size()));
+  for (unsigned i = 0; i < args.size(); ++i) {
+    if (const auto* n = std::get_if<int32_t>(&args[i])) list[i].setInt(*n);
+    if (const auto* t = std::get_if<std::string>(&args[i])) list[i].setText(U16(*t));
+    if (const auto* t = std::get_if<std::vector<std::string>>(&args[i])) {
+      auto texts = list[i].initTexts(static_cast<unsigned>(t->size()));
+      for (unsigned j = 0; j < t->size(); ++j) texts.set(j, U16((*t)[j]));
+    }
+  }
+  return wire.wait(request.send());
+}
+
+std::vector<std::vector<std::string>> rowsOf(const Answer& a) {
+  std::vector<std::vector<std::string>> rows;
+  for (const auto row : a.getRows()) {
+    rows.emplace_back();
+    for (const auto e : row.getElements()) rows.back().push_back(text(e));
+  }
+  return rows;
+}
+
 namespace {
 
-template <typename Results>
-Opened opened(Results r) {
+// ExecuteQuery, OpenTable, OpenTableEx: the row count and the handle are their last two.
+Opened opened(const Answer& a) {
   Opened o;
-  o.status = r.getStatus();
-  o.rowCount = r.getRowCount();
-  o.handle = text(r.getHandle());
-  for (const auto row : r.getRows()) {
-    std::vector<std::string> elements;
-    for (const auto e : row.getElements()) elements.push_back(text(e));
-    o.rows.push_back(std::move(elements));
+  o.status = a.getStatus();
+  const auto args = a.getArgs();
+  if (args.size() >= 2) {
+    o.rowCount = args[args.size() - 2].isInt() ? args[args.size() - 2].getInt() : -1;
+    o.handle = args[args.size() - 1].isText() ? text(args[args.size() - 1].getText()) : "";
   }
+  o.rows = rowsOf(a);
   return o;
 }
 
@@ -90,51 +124,40 @@ Opened opened(Results r) {
 
 Opened openTable(Wire& wire, BookServer::Client& s, std::string_view db, std::string_view table,
                  uint32_t prefetch) {
-  auto request = s.openTableRequest();
-  request.setDbName(U16(db));
-  request.setTableName(U16(table));
-  request.setMode(0);
-  request.setPrefetch(prefetch);
-  return opened(wire.wait(request.send()));
+  return opened(
+      call(wire, s, 46, {std::string(db), std::string(table), 0, 0, std::string()}, prefetch));
 }
 
 Opened executeQuery(Wire& wire, BookServer::Client& s, std::string_view db, std::string_view sql,
                     uint32_t prefetch) {
-  auto request = s.executeQueryRequest();
-  request.setDbName(U16(db));
-  request.setTableName(U16(""));
-  request.setSql(U16(sql));
-  request.setPrefetch(prefetch);
-  return opened(wire.wait(request.send()));
+  return opened(call(wire, s, 24,
+                     {std::string(db), std::string(), std::string(sql), 0, 0, std::string()},
+                     prefetch));
+}
+
+Answer getRecords(Wire& wire, BookServer::Client& s, std::string_view db, std::string_view handle,
+                  int32_t rowIndex, uint32_t count) {
+  return call(wire, s, 25,
+              {std::string(db), std::string(handle), rowIndex, std::vector<std::string>{}}, count);
 }
 
 int32_t openDatabase(Wire& wire, BookServer::Client& s, std::string_view db, int32_t mode) {
-  auto request = s.openDatabaseRequest();
-  request.setDbName(U16(db));
-  request.setMode(mode);
-  return wire.wait(request.send()).getStatus();
+  return call(wire, s, 10, {std::string(db), mode, 0}).getStatus();
 }
 
 int32_t addRecord(Wire& wire, BookServer::Client& s, std::string_view db, std::string_view handle,
                   const std::vector<std::string>& fields, int32_t* newIndex) {
-  auto request = s.addRecordRequest();
-  request.setDbName(U16(db));
-  auto record = request.initRecord(static_cast<unsigned>(fields.size() + 1));
-  record.set(0, U16("TABLENAME=" + std::string(handle)));
-  for (std::size_t i = 0; i < fields.size(); ++i) {
-    record.set(static_cast<unsigned>(i + 1), U16(fields[i]));
+  std::vector<std::string> record{"TABLENAME=" + std::string(handle)};
+  record.insert(record.end(), fields.begin(), fields.end());
+  const auto answer = call(wire, s, 19, {std::string(db), record, 1, 0});
+  if (newIndex != nullptr && answer.getArgs().size() == 4 && answer.getArgs()[3].isInt()) {
+    *newIndex = answer.getArgs()[3].getInt();
   }
-  request.setRecordCount(1);
-  const auto response = wire.wait(request.send());
-  if (newIndex) *newIndex = response.getNewIndex();
-  return response.getStatus();
+  return answer.getStatus();
 }
 
 int32_t setMutex(Wire& wire, BookServer::Client& s, std::string_view name, int32_t op) {
-  auto request = s.setMutexRequest();
-  request.setName(U16(name));
-  request.setOp(op);
-  return wire.wait(request.send()).getStatus();
+  return call(wire, s, 31, {std::string(name), op}).getStatus();
 }
 
 }  // namespace mvtest::rpc

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "rpc/book_server.capnp.h"
@@ -69,8 +70,11 @@ class Client {
   ~Client() noexcept;
 
   Gate::Client gate();
-  // A session; an empty capability that fails on use when the login is refused.
+  // A session; an empty capability that fails on use when the login is refused. The wire and
+  // method signature default to the library's own.
   BookServer::Client login(const std::string& token = "any");
+  capnp::Response<Gate::LoginResults> loginAs(const std::string& token, uint32_t wire,
+                                              uint64_t methods);
   // Drops the connection as a vanished client would.
   void disconnect();
   // Resolves when the daemon closes the connection.
@@ -83,6 +87,15 @@ class Client {
   kj::Own<capnp::TwoPartyClient> rpc_;
 };
 
+// One argument of a raw call: absent, an integer, a text (UTF-8 here) or texts.
+using RawArg = std::variant<std::monostate, int32_t, std::string, std::vector<std::string>>;
+using Answer = capnp::Response<BookServer::CallResults>;
+// Sends method `number` with `args`, asking for up to `rows` rows.
+Answer call(Wire& wire, BookServer::Client& s, int32_t number, const std::vector<RawArg>& args,
+            uint32_t rows = 0);
+// An answer's rows as element texts.
+std::vector<std::vector<std::string>> rowsOf(const Answer& a);
+
 // Helpers over a session, failing the test on an unexpected shape.
 struct Opened {
   int32_t status = -1;
@@ -94,6 +107,9 @@ Opened openTable(Wire& wire, BookServer::Client& s, std::string_view db, std::st
                  uint32_t prefetch);
 Opened executeQuery(Wire& wire, BookServer::Client& s, std::string_view db, std::string_view sql,
                     uint32_t prefetch);
+// GetRecords from `rowIndex`, up to `count` rows.
+Answer getRecords(Wire& wire, BookServer::Client& s, std::string_view db, std::string_view handle,
+                  int32_t rowIndex, uint32_t count);
 int32_t openDatabase(Wire& wire, BookServer::Client& s, std::string_view db, int32_t mode);
 int32_t addRecord(Wire& wire, BookServer::Client& s, std::string_view db, std::string_view handle,
                   const std::vector<std::string>& fields, int32_t* newIndex);

@@ -81,16 +81,74 @@ std::string RecordingServer::log() const {
   return s;
 }
 
-int32_t RecordingServer::record(std::string method, std::vector<std::string> args) {
-  calls.push_back({method, std::move(args)});
-  auto& queue = scripted_[method];
+namespace {
+
+// A text-array variant from UTF-8 texts.
+void putTexts(VARIANT* v, const std::vector<std::string>& texts) {
+  mv::fillVariantArray(v, MV_VT_VARIANT, static_cast<uint32_t>(texts.size()), [&](void* data) {
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      VARIANT& e = static_cast<VARIANT*>(data)[i];
+      e.vt = MV_VT_BSTR;
+      putText(&e.bstrVal, texts[i]);
+    }
+  });
+}
+
+std::string renderArg(mv::ArgKind kind, const mv::ArgRef& arg) {
+  using K = mv::ArgKind;
+  switch (kind) {
+    case K::Text:
+    case K::Handle:
+      return utf8(std::get<BSTR>(arg));
+    case K::Int:
+    case K::GoodBytes:
+      return num(std::get<int32_t>(arg));
+    case K::IntInOut: {
+      const int32_t* p = std::get<int32_t*>(arg);
+      return p ? num(*p) : "null";
+    }
+    case K::RealInOut: {
+      const double* p = std::get<double*>(arg);
+      return p ? num(*p) : "null";
+    }
+    case K::TextInOut: {
+      const BSTR* p = std::get<BSTR*>(arg);
+      return p && *p ? utf8(*p) : "";
+    }
+    case K::Record:
+    case K::BlockIn:
+      return render(std::get<VARIANT*>(arg));
+    default:
+      return {};
+  }
+}
+
+template <typename T>
+T as(std::span<const mv::ArgRef> args, std::size_t i) {
+  return std::get<T>(args[i]);
+}
+
+}  // namespace
+
+int32_t RecordingServer::record(const mv::ServerMethod& method, std::span<const mv::ArgRef> args) {
+  Call call{method.name, {}};
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (!mv::isOutOnly(method.args[i])) call.args.push_back(renderArg(method.args[i], args[i]));
+  }
+  calls.push_back(std::move(call));
+  auto& queue = scripted_[method.name];
   if (!queue.empty()) {
     const int32_t status = queue.front();
     queue.pop_front();
     return status;
   }
-  const auto it = always_.find(method);
+  const auto it = always_.find(method.name);
   return it == always_.end() ? 0 : it->second;
+}
+
+int32_t RecordingServer::forward(const mv::ServerMethod& method, std::span<const mv::ArgRef> args) {
+  const int32_t status = record(method, args);
+  return status != 0 ? status : act(method.number, args);
 }
 
 int32_t RecordingServer::openResult(int32_t* rowCount, BSTR* handle) {
@@ -108,40 +166,8 @@ int32_t RecordingServer::openResult(int32_t* rowCount, BSTR* handle) {
   return 0;
 }
 
-void RecordingServer::Release() {
-  calls.push_back({"Release", {}});
-  released = true;
-  if (throwOnRelease) throw std::runtime_error("peer gone");
-}
-
-int32_t RecordingServer::DeleteDatabase(BSTR dbName, BSTR option) {
-  return record("DeleteDatabase", {utf8(dbName), utf8(option)});
-}
-
-int32_t RecordingServer::CopyDatabase(BSTR srcDb, BSTR srcOption, BSTR dstDb, BSTR dstOption,
-                                      int32_t kind) {
-  return record("CopyDatabase",
-                {utf8(srcDb), utf8(srcOption), utf8(dstDb), utf8(dstOption), num(kind)});
-}
-
-int32_t RecordingServer::OpenDatabase(BSTR dbName, int32_t mode, int32_t* /*out*/) {
-  return record("OpenDatabase", {utf8(dbName), num(mode)});
-}
-
-int32_t RecordingServer::CreateTable(BSTR dbName, BSTR tableName, int32_t tableKind) {
-  return record("CreateTable", {utf8(dbName), utf8(tableName), num(tableKind)});
-}
-
-int32_t RecordingServer::ExecuteQuery(BSTR dbName, BSTR tableName, BSTR sql, int32_t flag,
-                                      int32_t* rowCount, BSTR* handle) {
-  const int32_t s = record("ExecuteQuery", {utf8(dbName), utf8(tableName), utf8(sql), num(flag)});
-  return s != 0 ? s : openResult(rowCount, handle);
-}
-
-int32_t RecordingServer::GetRecords(BSTR dbName, BSTR handle, int32_t rowIndex, VARIANT* row) {
-  const int32_t s = record("GetRecords", {utf8(dbName), utf8(handle), num(rowIndex)});
-  if (s != 0) return s;
-  const auto it = open_.find(utf8(handle));
+int32_t RecordingServer::getRecords(const std::string& handle, int32_t rowIndex, VARIANT* row) {
+  const auto it = open_.find(handle);
   if (it == open_.end()) return 1;
   const Result& r = it->second;
   if (r.malformed) {
@@ -151,314 +177,111 @@ int32_t RecordingServer::GetRecords(BSTR dbName, BSTR handle, int32_t rowIndex, 
     return 0;
   }
   if (rowIndex < 0 || static_cast<std::size_t>(rowIndex) >= r.rows.size()) return 1;
-  const auto& elements = r.rows[static_cast<std::size_t>(rowIndex)];
-  MVVariantClear(row);
-  row->parray = mv::safeArrayCreateVector(MV_VT_VARIANT, 0, static_cast<uint32_t>(elements.size()));
-  row->vt = MV_VT_ARRAY | MV_VT_VARIANT;
-  void* data = nullptr;
-  mv::safeArrayAccessData(row->parray, &data);
-  for (std::size_t i = 0; i < elements.size(); ++i) {
-    VARIANT& e = static_cast<VARIANT*>(data)[i];
-    e.vt = MV_VT_BSTR;
-    e.bstrVal = nullptr;
-    putText(&e.bstrVal, elements[i]);
-  }
-  mv::safeArrayUnaccessData(row->parray);
+  putTexts(row, r.rows[static_cast<std::size_t>(rowIndex)]);
   return 0;
 }
 
-int32_t RecordingServer::CloseDatabase(BSTR dbName) {
-  return record("CloseDatabase", {utf8(dbName)});
-}
-
-int32_t RecordingServer::OpenTable(BSTR dbName, BSTR tableName, int32_t mode, int32_t* rowCount,
-                                   BSTR* handle) {
-  const int32_t s = record("OpenTable", {utf8(dbName), utf8(tableName), num(mode)});
-  return s != 0 ? s : openResult(rowCount, handle);
-}
-
-int32_t RecordingServer::CloseTable(BSTR dbName, BSTR handle) {
-  const int32_t s = record("CloseTable", {utf8(dbName), utf8(handle)});
-  if (s == 0) open_.erase(utf8(handle));
-  return s;
-}
-
-int32_t RecordingServer::UnlockDatabase(BSTR dbName) {
-  return record("UnlockDatabase", {utf8(dbName)});
-}
-
-int32_t RecordingServer::ExecuteSQL(BSTR dbName, BSTR sql) {
-  return record("ExecuteSQL", {utf8(dbName), utf8(sql)});
-}
-
-int32_t RecordingServer::OpenTableEx(BSTR dbName, BSTR tableName, BSTR sql, int32_t flag,
-                                     int32_t* rowCount, BSTR* handle) {
-  const int32_t s = record("OpenTableEx", {utf8(dbName), utf8(tableName), utf8(sql), num(flag)});
-  return s != 0 ? s : openResult(rowCount, handle);
-}
-
-int32_t RecordingServer::CreateBookDatabase(BSTR templateName, BSTR option, BSTR newDbName) {
-  return record("CreateBookDatabase", {utf8(templateName), utf8(option), utf8(newDbName)});
-}
-
-int32_t RecordingServer::CheckTBL(BSTR dbName, BSTR tableName) {
-  return record("CheckTBL", {utf8(dbName), utf8(tableName)});
-}
-
-int32_t RecordingServer::CheckColumn(BSTR dbName, BSTR tableName, BSTR columnName) {
-  return record("CheckColumn", {utf8(dbName), utf8(tableName), utf8(columnName)});
-}
-
-int32_t RecordingServer::AddRecord(BSTR dbName, VARIANT* rec, int32_t recordCount,
-                                   int32_t* newIndex) {
-  const int32_t s = record("AddRecord", {utf8(dbName), render(rec), num(recordCount)});
-  if (s == 0 && newIndex) *newIndex = nextIndex++;
-  return s;
-}
-
-int32_t RecordingServer::UpdateRecord(BSTR dbName, VARIANT* rec, int32_t recordCount,
-                                      int32_t* tIndex) {
-  return record("UpdateRecord",
-                {utf8(dbName), render(rec), num(recordCount), tIndex ? num(*tIndex) : "null"});
-}
-
-int32_t RecordingServer::DownLoadData(BSTR dbName, BSTR handle, BSTR columnName, int32_t rowIndex,
-                                      int32_t blockNo, int32_t blockSize, VARIANT* block,
-                                      int32_t* isEnd, int32_t* /*bytes*/) {
-  const int32_t s = record("DownLoadData", {utf8(dbName), utf8(handle), utf8(columnName),
-                                            num(rowIndex), num(blockNo), num(blockSize)});
-  if (s != 0) return s;
+int32_t RecordingServer::downLoad(int32_t blockNo, VARIANT* block, int32_t* isEnd) {
   const std::size_t start = static_cast<std::size_t>(blockNo - 1) * downloadChunk;
   if (start >= download.size()) return 0;  // nothing (more) to send: no array
   const std::size_t n = std::min(downloadChunk, download.size() - start);
-  MVVariantClear(block);
-  block->parray = mv::safeArrayCreateVector(MV_VT_UI1, 0, static_cast<uint32_t>(n));
-  block->vt = MV_VT_ARRAY | MV_VT_UI1;
-  void* data = nullptr;
-  mv::safeArrayAccessData(block->parray, &data);
-  if (n) std::memcpy(data, download.data() + start, n);
-  mv::safeArrayUnaccessData(block->parray);
+  mv::fillVariantArray(block, MV_VT_UI1, static_cast<uint32_t>(n), [&](void* data) {
+    if (n) std::memcpy(data, download.data() + start, n);
+  });
   if (isEnd) *isEnd = flagEndOnLastBlock && start + n >= download.size() ? 1 : 0;
   return 0;
 }
 
-int32_t RecordingServer::UpLoadData(VARIANT* rec, int32_t blockNo, int32_t bytes, VARIANT* block,
-                                    int32_t isLast) {
-  const int32_t s =
-      record("UpLoadData", {render(rec), num(blockNo), num(bytes), render(block), num(isLast)});
-  if (s != 0) return s;
-  if (block && block->parray && bytes > 0) {
-    void* data = nullptr;
-    mv::safeArrayAccessData(block->parray, &data);
-    const auto* p = static_cast<const uint8_t*>(data);
-    uploaded.insert(uploaded.end(), p, p + bytes);
-    mv::safeArrayUnaccessData(block->parray);
+// Positions are the arguments' places in the method table's rows.
+int32_t RecordingServer::act(int32_t number, std::span<const mv::ArgRef> args) {
+  switch (number) {
+    case 24:  // ExecuteQuery
+    case 60:  // OpenTableEx
+      return openResult(as<int32_t*>(args, 4), as<BSTR*>(args, 5));
+    case 46:  // OpenTable
+      return openResult(as<int32_t*>(args, 3), as<BSTR*>(args, 4));
+    case 25:  // GetRecords
+      return getRecords(utf8(as<BSTR>(args, 1)), as<int32_t>(args, 2), as<VARIANT*>(args, 3));
+    case 47:  // CloseTable
+      open_.erase(utf8(as<BSTR>(args, 1)));
+      return 0;
+    case 19:  // AddRecord
+      if (int32_t* index = as<int32_t*>(args, 3)) *index = nextIndex++;
+      return 0;
+    case 26:  // DownLoadData
+      return downLoad(as<int32_t>(args, 4), as<VARIANT*>(args, 6), as<int32_t*>(args, 7));
+    case 40: {  // UpLoadData
+      const VARIANT* block = as<VARIANT*>(args, 3);
+      const int32_t bytes = as<int32_t>(args, 2);
+      if (block && block->parray && bytes > 0) {
+        const auto* p = static_cast<const uint8_t*>(block->parray->pvData);
+        uploaded.insert(uploaded.end(), p, p + bytes);
+      }
+      return 0;
+    }
+    case 76: {  // ImageFileDate
+      double* date = as<double*>(args, 4);
+      const int32_t op = as<int32_t>(args, 2);
+      if (date != nullptr && op == 0) *date = fileDate;
+      if (date != nullptr && op == 1) fileDate = *date;
+      return 0;
+    }
+    case 31: {  // SetMutex
+      const auto it = mutexAnswers.find(utf8(as<BSTR>(args, 0)));
+      return it == mutexAnswers.end() ? 0 : it->second;
+    }
+    case 48: {  // SetCounter
+      const auto it = counters.find(utf8(as<BSTR>(args, 0)));
+      int32_t* value = as<int32_t*>(args, 2);
+      if (as<int32_t>(args, 1) == 0 && value != nullptr && it != counters.end())
+        *value = it->second;
+      return 0;
+    }
+    case 34: {  // GetLoginUsers
+      VARIANT* list = as<VARIANT*>(args, 0);
+      int32_t* count = as<int32_t*>(args, 1);
+      if (list == nullptr || count == nullptr) return 0;
+      std::vector<std::string> texts;
+      for (const auto& [user, text] : loginUsers) {
+        texts.push_back(user);
+        texts.push_back(text);
+      }
+      putTexts(list, texts);
+      *count = static_cast<int32_t>(loginUsers.size());
+      return 0;
+    }
+    case 35:  // GetConnect
+      *as<int32_t*>(args, 0) = connectFirst;
+      *as<int32_t*>(args, 1) = connectSecond;
+      return 0;
+    case 82:  // OpenNetShare
+      putText(as<BSTR*>(args, 5), shareFolder);
+      return 0;
+    case 58:  // GetServerInfo
+      putText(as<BSTR*>(args, 0), serverInfo);
+      return 0;
+    case 68: {  // GetOption
+      const int32_t kind = as<int32_t>(args, 0);
+      const auto it = optionValues.find(kind);
+      if (it != optionValues.end()) {
+        *as<int32_t*>(args, 2) = it->second.first;
+        *as<int32_t*>(args, 3) = it->second.second;
+      }
+      putText(as<BSTR*>(args, 1), "option " + num(kind));
+      return 0;
+    }
+    case 73:  // GetLastError
+      putText(as<BSTR*>(args, 0), lastErrorText);
+      return 0;
+    default:
+      return 0;
   }
-  return 0;
 }
 
-int32_t RecordingServer::DeleteRecord(BSTR dbName, BSTR handle, int32_t tIndex) {
-  return record("DeleteRecord", {utf8(dbName), utf8(handle), num(tIndex)});
-}
-
-int32_t RecordingServer::DeleteRecords(BSTR dbName, BSTR handle, int32_t firstRow,
-                                       int32_t lastRow) {
-  return record("DeleteRecords", {utf8(dbName), utf8(handle), num(firstRow), num(lastRow)});
-}
-
-int32_t RecordingServer::ImageFileDate(BSTR dbName, BSTR handle, int32_t op, int32_t tIndex,
-                                       double* date) {
-  const int32_t s = record("ImageFileDate", {utf8(dbName), utf8(handle), num(op), num(tIndex),
-                                             date ? num(*date) : "null"});
-  if (s == 0 && date != nullptr) {
-    if (op == 0) *date = fileDate;
-    if (op == 1) fileDate = *date;
-  }
-  return s;
-}
-
-int32_t RecordingServer::SetBookUpdateCounter(BSTR dbName) {
-  return record("SetBookUpdateCounter", {utf8(dbName)});
-}
-
-int32_t RecordingServer::SetMutex(BSTR name, int32_t op) {
-  const int32_t s = record("SetMutex", {utf8(name), num(op)});
-  const auto it = mutexAnswers.find(utf8(name));
-  return s != 0 || it == mutexAnswers.end() ? s : it->second;
-}
-
-int32_t RecordingServer::GetBookUpdateCounter(BSTR dbName, uint8_t* /*block16*/,
-                                              int32_t* /*counter*/) {
-  return record("GetBookUpdateCounter", {utf8(dbName), kOut});
-}
-
-int32_t RecordingServer::TagUpdateCounter(BSTR dbName, int32_t tagIndex, int32_t op,
-                                          uint8_t* /*block16*/, int32_t* /*counter*/) {
-  return record("TagUpdateCounter", {utf8(dbName), num(tagIndex), num(op), kOut});
-}
-
-int32_t RecordingServer::SetCounter(BSTR name, int32_t op, int32_t* value) {
-  const int32_t s = record("SetCounter", {utf8(name), num(op)});
-  const auto it = counters.find(utf8(name));
-  if (s == 0 && op == 0 && value != nullptr && it != counters.end()) *value = it->second;
-  return s;
-}
-
-int32_t RecordingServer::SetUserAdmin(BSTR first, BSTR second, int32_t third) {
-  return record("SetUserAdmin", {utf8(first), utf8(second), num(third)});
-}
-
-int32_t RecordingServer::GetLoginUsers(VARIANT* list, int32_t* count) {
-  const int32_t s = record("GetLoginUsers", {kOut, kOut});
-  if (s != 0 || list == nullptr || count == nullptr) return s;
-  MVVariantClear(list);
-  list->parray =
-      mv::safeArrayCreateVector(MV_VT_VARIANT, 0, static_cast<uint32_t>(2 * loginUsers.size()));
-  list->vt = MV_VT_ARRAY | MV_VT_VARIANT;
-  void* data = nullptr;
-  mv::safeArrayAccessData(list->parray, &data);
-  for (std::size_t i = 0; i < loginUsers.size(); ++i) {
-    auto* pair = static_cast<VARIANT*>(data) + 2 * i;
-    pair[0].vt = pair[1].vt = MV_VT_BSTR;
-    pair[0].bstrVal = pair[1].bstrVal = nullptr;
-    putText(&pair[0].bstrVal, loginUsers[i].first);
-    putText(&pair[1].bstrVal, loginUsers[i].second);
-  }
-  mv::safeArrayUnaccessData(list->parray);
-  *count = static_cast<int32_t>(loginUsers.size());
-  return 0;
-}
-
-int32_t RecordingServer::GetConnect(int32_t* first, int32_t* second) {
-  const int32_t s = record("GetConnect", {kOut, kOut});
-  if (s == 0) {
-    *first = connectFirst;
-    *second = connectSecond;
-  }
-  return s;
-}
-
-int32_t RecordingServer::LoginMgr(BSTR first, BSTR second, BSTR third, int32_t fourth) {
-  return record("LoginMgr", {utf8(first), utf8(second), utf8(third), num(fourth)});
-}
-
-int32_t RecordingServer::CarryingInfoBook(BSTR dbName, int32_t first, int32_t second) {
-  return record("CarryingInfoBook", {utf8(dbName), num(first), num(second)});
-}
-
-int32_t RecordingServer::CarryingOut(BSTR dbName, int32_t blockNo, int32_t blockSize,
-                                     VARIANT* /*block*/, int32_t* /*isEnd*/, BSTR* /*fileName*/,
-                                     int32_t* /*value*/) {
-  return record("CarryingOut", {utf8(dbName), num(blockNo), num(blockSize)});
-}
-
-int32_t RecordingServer::Carryingin(BSTR dbName, int32_t isFirst, int32_t bytes, VARIANT* block,
-                                    int32_t isLast) {
-  return record("Carryingin", {utf8(dbName), num(isFirst), num(bytes), render(block), num(isLast)});
-}
-
-int32_t RecordingServer::CarryingSetup(BSTR first, BSTR second) {
-  return record("CarryingSetup", {utf8(first), utf8(second)});
-}
-
-int32_t RecordingServer::DBBackUpBase(int32_t a, int32_t b, int32_t c) {
-  return record("DBBackUpBase", {num(a), num(b), num(c)});
-}
-
-int32_t RecordingServer::GetCarryingInfo(VARIANT* /*list*/) {
-  return record("GetCarryingInfo", {kOut});
-}
-
-int32_t RecordingServer::OpenNetShare(BSTR shareClient, BSTR computerName, BSTR dbName,
-                                      BSTR tableName, int32_t tIndex, BSTR* folder) {
-  const int32_t s = record("OpenNetShare", {utf8(shareClient), utf8(computerName), utf8(dbName),
-                                            utf8(tableName), num(tIndex)});
-  if (s == 0) putText(folder, shareFolder);
-  return s;
-}
-
-int32_t RecordingServer::CloseNetShare(BSTR dbName, BSTR tableName, int32_t tIndex) {
-  return record("CloseNetShare", {utf8(dbName), utf8(tableName), num(tIndex)});
-}
-
-int32_t RecordingServer::RepricatOut(BSTR dbName, BSTR* /*fileName*/) {
-  return record("RepricatOut", {utf8(dbName), kOut});
-}
-
-int32_t RecordingServer::RepricatIn(BSTR dbName) { return record("RepricatIn", {utf8(dbName)}); }
-
-int32_t RecordingServer::GetOrgBookDBInfo(VARIANT* /*first*/, VARIANT* /*second*/,
-                                          VARIANT* /*third*/) {
-  return record("GetOrgBookDBInfo", {kOut, kOut, kOut});
-}
-
-int32_t RecordingServer::AddOrgBookDB(BSTR a, BSTR b, BSTR c, int32_t d) {
-  return record("AddOrgBookDB", {utf8(a), utf8(b), utf8(c), num(d)});
-}
-
-int32_t RecordingServer::DeleteOrgBookDB(int32_t a) { return record("DeleteOrgBookDB", {num(a)}); }
-
-int32_t RecordingServer::RenameOrgBookDB(int32_t a, int32_t b) {
-  return record("RenameOrgBookDB", {num(a), num(b)});
-}
-
-int32_t RecordingServer::GetServerFreeSpace(int32_t* /*freeSpace*/) {
-  return record("GetServerFreeSpace", {kOut});
-}
-
-int32_t RecordingServer::GetServerInfo(BSTR* info) {
-  const int32_t s = record("GetServerInfo", {kOut});
-  if (s == 0) putText(info, serverInfo);
-  return s;
-}
-
-int32_t RecordingServer::GetOption(int32_t kind, BSTR* text, int32_t* a, int32_t* b) {
-  const int32_t s = record("GetOption", {num(kind), text && *text ? utf8(*text) : "",
-                                         a ? num(*a) : "null", b ? num(*b) : "null"});
-  if (s != 0) return s;
-  const auto it = optionValues.find(kind);
-  if (it != optionValues.end()) {
-    *a = it->second.first;
-    *b = it->second.second;
-  }
-  putText(text, "option " + num(kind));
-  return 0;
-}
-
-int32_t RecordingServer::ConnectCheck() { return record("ConnectCheck", {}); }
-
-int32_t RecordingServer::GetLastError(BSTR* message) {
-  const int32_t s = record("GetLastError", {kOut});
-  if (s == 0) putText(message, lastErrorText);
-  return s;
-}
-
-int32_t RecordingServer::GetDatabaseSize(BSTR dbName, int32_t* /*size*/) {
-  return record("GetDatabaseSize", {utf8(dbName), kOut});
-}
-
-int32_t RecordingServer::GetDatabaseSize2(BSTR dbName, int64_t* /*size*/) {
-  return record("GetDatabaseSize2", {utf8(dbName), kOut});
-}
-
-int32_t RecordingServer::CheckRecordableFolder(BSTR folder) {
-  return record("CheckRecordableFolder", {utf8(folder)});
-}
-
-int32_t RecordingServer::CheckSQLServerType() { return record("CheckSQLServerType", {}); }
-
-int32_t RecordingServer::GetServerInfo2(int32_t*, int32_t*, int32_t*, int32_t*) {
-  return record("GetServerInfo2", {kOut, kOut, kOut, kOut});
-}
-
-int32_t RecordingServer::GetOSVersion(int32_t*, int32_t*) {
-  return record("GetOSVersion", {kOut, kOut});
-}
-
-int32_t RecordingServer::CheckOSType(int32_t*) { return record("CheckOSType", {kOut}); }
-
-int32_t RecordingServer::GetServerModuleVersion(int32_t*, int32_t*, int32_t*, int32_t*) {
-  return record("GetServerModuleVersion", {kOut, kOut, kOut, kOut});
+void RecordingServer::Release() {
+  calls.push_back({"Release", {}});
+  released = true;
+  if (throwOnRelease) throw std::runtime_error("peer gone");
 }
 
 }  // namespace mvtest
