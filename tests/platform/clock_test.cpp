@@ -82,6 +82,8 @@ TEST(OleDateTest, RejectsInvalidInput) {
                                 make(2000, 13, 1),
                                 make(2000, 1, 0),
                                 make(2000, 1, 32),
+                                make(2000, 1, 257),  // 1 in a byte
+                                make(2000, 257, 1),
                                 make(2001, 2, 29),
                                 make(1900, 2, 29),
                                 make(2000, 4, 31),
