@@ -33,12 +33,12 @@ namespace {
 
 // Every option by its name; flags take no value on the command line (or "=value").
 const option kOptions[] = {
-    {"data", required_argument, nullptr, 0},     {"listen", required_argument, nullptr, 0},
-    {"admin", required_argument, nullptr, 0},    {"password", required_argument, nullptr, 0},
-    {"tls-cert", required_argument, nullptr, 0}, {"tls-key", required_argument, nullptr, 0},
+    {"data", required_argument, nullptr, 0},       {"listen", required_argument, nullptr, 0},
+    {"admin", required_argument, nullptr, 0},      {"password", required_argument, nullptr, 0},
+    {"tls-cert", required_argument, nullptr, 0},   {"tls-key", required_argument, nullptr, 0},
     {"token-file", required_argument, nullptr, 0}, {"config", required_argument, nullptr, 0},
-    {"init", optional_argument, nullptr, 0},     {"insecure", optional_argument, nullptr, 0},
-    {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
+    {"init", optional_argument, nullptr, 0},       {"insecure", optional_argument, nullptr, 0},
+    {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
 
 bool flagValue(const std::string& name, const std::string& text, bool& value, std::string& error) {
   static const std::set<std::string, std::less<>> yes = {"1", "true", "yes", "on"};

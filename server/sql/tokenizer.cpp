@@ -124,7 +124,8 @@ Tokenized tokenize(std::string_view sql) {
       }
       if (!closed) return fail("unterminated [name] starting at offset " + std::to_string(i));
       if (name.empty()) return fail("empty [] name at offset " + std::to_string(i));
-      if (!isValidUtf8(name)) return fail("[name] at offset " + std::to_string(i) + " is not UTF-8");
+      if (!isValidUtf8(name))
+        return fail("[name] at offset " + std::to_string(i) + " is not UTF-8");
       r.tokens.push_back({TokenKind::QuotedName, std::move(name)});
       i = j;
       continue;

@@ -30,8 +30,8 @@ year_month_day dateOf(const SYSTEMTIME& st) {
 // month and day keep only a byte: day 257 would pass as day 1 without the first checks.
 bool validFields(const SYSTEMTIME& st, int minYear, int maxYear) {
   return st.wYear >= minYear && st.wYear <= maxYear && st.wMonth <= 12 && st.wDay <= 31 &&
-         dateOf(st).ok() && st.wHour < 24 &&
-         st.wMinute < 60 && st.wSecond < 60 && st.wMilliseconds < 1000;
+         dateOf(st).ok() && st.wHour < 24 && st.wMinute < 60 && st.wSecond < 60 &&
+         st.wMilliseconds < 1000;
 }
 
 SYSTEMTIME fromTm(const std::tm& tm, long nanoseconds) {

@@ -33,8 +33,8 @@ TEST(Ini, ParsesTheFormAndNamesTheLineOfEveryRefusal) {
   const ParseCase cases[] = {
       {"", "[@0]", true},
       {"# comment\n  ; comment\n\n \t\r\n", "[@0]", true},
-      {"a = 1\n[Books]\r\n  key =  two words \r\nempty=\n", "[@0]a=1@1; [Books@2]key=two words@3;empty=@4;",
-       true},
+      {"a = 1\n[Books]\r\n  key =  two words \r\nempty=\n",
+       "[@0]a=1@1; [Books@2]key=two words@3;empty=@4;", true},
       {"[ spaced ]\nk = a=b\n", "[@0] [spaced@1]k=a=b@2;", true},
       {"k = a#b;c\nt = #start\n", "[@0]k=a#b;c@1;t=#start@2;", true},
       {"[s]\nk=1\n[S]\nk=2\nk=3", "[@0] [s@1]k=1@2; [S@3]k=2@4;k=3@5;", true},
@@ -64,15 +64,15 @@ TEST(Ini, ParsesTheFormAndNamesTheLineOfEveryRefusal) {
 TEST(Ini, LooksUpIgnoringAsciiCaseAndWritesWhatReadsBack) {
   mv::ini::Document d;
   std::string error;
-  ASSERT_TRUE(mv::ini::parse("top=0\n[Open]\nFile=a\nfile=b\n[open]\nOther=c\n[開く]\nK=d\n", d,
-                             error))
+  ASSERT_TRUE(
+      mv::ini::parse("top=0\n[Open]\nFile=a\nfile=b\n[open]\nOther=c\n[開く]\nK=d\n", d, error))
       << error;
   const struct {
     const char* section;
     const char* key;
     const char* value;  // null: not found
-  } lookups[] = {{"", "TOP", "0"},     {"OPEN", "FILE", "a"}, {"open", "other", "c"},
-                 {"開く", "k", "d"},   {"Open", "top", nullptr}, {"missing", "file", nullptr},
+  } lookups[] = {{"", "TOP", "0"},        {"OPEN", "FILE", "a"},    {"open", "other", "c"},
+                 {"開く", "k", "d"},      {"Open", "top", nullptr}, {"missing", "file", nullptr},
                  {"open", "fil", nullptr}};
   for (const auto& l : lookups) {
     const std::string* found = d.find(l.section, l.key);
@@ -89,15 +89,16 @@ TEST(Ini, LooksUpIgnoringAsciiCaseAndWritesWhatReadsBack) {
     bool ok;
   } sets[] = {{"open", "FILE", "z;y#x", true},  // the first "file" changes, case kept
               {"New", "k", "", true},           // a new section at the end
-              {"", "top", "1", true},           {"open", "k", "two\nlines", false},
-              {"open", "k", " padded", false},  {"open", "k", "v # note", false},
-              {"open", "a=b", "v", false},      {"open", "", "v", false},
-              {"open", ";k", "v", false},       {"a]b", "k", "v", false}};
+              {"", "top", "1", true},          {"open", "k", "two\nlines", false},
+              {"open", "k", " padded", false}, {"open", "k", "v # note", false},
+              {"open", "a=b", "v", false},     {"open", "", "v", false},
+              {"open", ";k", "v", false},      {"a]b", "k", "v", false}};
   for (const auto& s : sets) {
     EXPECT_EQ(d.set(s.section, s.key, s.value), s.ok) << s.section << "/" << s.key;
   }
   const std::string text = mv::ini::format(d);
-  EXPECT_EQ(text, "top=1\n\n[Open]\nFile=z;y#x\nfile=b\n\n[open]\nOther=c\n\n[開く]\nK=d\n\n[New]\nk=\n");
+  EXPECT_EQ(text,
+            "top=1\n\n[Open]\nFile=z;y#x\nfile=b\n\n[open]\nOther=c\n\n[開く]\nK=d\n\n[New]\nk=\n");
   mv::ini::Document back;
   ASSERT_TRUE(mv::ini::parse(text, back, error)) << error;
   EXPECT_EQ(mv::ini::format(back), text);
