@@ -47,8 +47,7 @@ TEST(Ini, ParsesTheFormAndNamesTheLineOfEveryRefusal) {
       {"[a[b]\n", "line 1: a section name holds '['", false},
       {"\n\njust words\n", "line 3: expected '[section]' or 'name = value'", false},
       {"k = 1\n = v\n", "line 2: a name is missing before '='", false},
-      {std::string("k = a\0b\n", 8), "NUL", false},
-  };
+      {std::string("k = a\0b\n", 8), "NUL", false}};
   for (const ParseCase& c : cases) {
     mv::ini::Document d;
     std::string error;

@@ -56,8 +56,7 @@ TEST(ClientConfigParse, ReadsEverySettingAndSaysWhichLineItRefusesAndWhy) {
       {"[a]\ntoken = t\ntoken-file = f\n[b]\n", "line 1: [a] has both token and token-file"},
       {"[a]\ntls-name = a.example\n", "line 1: [a] has tls-name without ca"},
       {"[my server]\n", "line 1: [my server] has no address"},
-      {std::string("[a]\ntoken = x\0y\n", 16), "NUL"},
-  };
+      {std::string("[a]\ntoken = x\0y\n", 16), "NUL"}};
   for (const auto& c : cases) {
     std::vector<mv::rpc::ServerEntry> entries{mv::rpc::ServerEntry{}};
     std::string error;
@@ -155,16 +154,14 @@ TEST_F(ClientConfig, ANameResolvesThroughItsSectionOrAsLoopback) {
     const char* name;
     int32_t status;
     std::string endpoint;  // "address port ca tls-name token"
-  } cases[] = {
-      {"books", 0, "192.0.2.7 7400 " + dir() + "/ca.pem books.example s3cret"},
-      {"127.0.0.1:7341", 0, "192.0.2.8 7340   "},  // a section may take over host:port
-      {"home", 0, "192.0.2.7 7340   from home"},
-      {"BOOKS.example.org", 0, "books.example.org 7340   t"},
-      {"[::1]:7400", 0, "::1 7400   "},
-      {"library", mv::kStatusClassNotRegistered, "library"},
-      {"192.0.2.7:7340", mv::kStatusClassNotRegistered, "only loopback"},
-      {"127.0.0.1:x", mv::kStatusClassNotRegistered, "127.0.0.1:x"},
-  };
+  } cases[] = {{"books", 0, "192.0.2.7 7400 " + dir() + "/ca.pem books.example s3cret"},
+               {"127.0.0.1:7341", 0, "192.0.2.8 7340   "},  // a section may take over host:port
+               {"home", 0, "192.0.2.7 7340   from home"},
+               {"BOOKS.example.org", 0, "books.example.org 7340   t"},
+               {"[::1]:7400", 0, "::1 7400   "},
+               {"library", mv::kStatusClassNotRegistered, "library"},
+               {"192.0.2.7:7340", mv::kStatusClassNotRegistered, "only loopback"},
+               {"127.0.0.1:x", mv::kStatusClassNotRegistered, "127.0.0.1:x"}};
   for (const auto& c : cases) {
     mv::rpc::ServerEndpoint e;
     std::string error;
@@ -187,15 +184,13 @@ TEST_F(ClientConfig, AnUnusableConfigurationOrTokenFileFailsTheName) {
     std::string config;  // empty: $MVCORE_CLIENT_CONF names no file
     const char* name;
     const char* error;
-  } cases[] = {
-      {"[books]\nport = none\n", "books", "line 2"},
-      // Even a loopback name: a broken file is a mistake to report, not to step around.
-      {"[books]\nport = none\n", "127.0.0.1:7341", "line 2"},
-      {"", "127.0.0.1:7341", "absent.conf"},
-      {at + "token-file = missing.token\n", "a", "missing.token"},
-      {at + "token-file = empty.token\n", "a", "no token"},
-      {at + "token-file = " + dir() + "\n", "a", "not a readable file"},
-  };
+  } cases[] = {{"[books]\nport = none\n", "books", "line 2"},
+               // Even a loopback name: a broken file is a mistake to report, not to step around.
+               {"[books]\nport = none\n", "127.0.0.1:7341", "line 2"},
+               {"", "127.0.0.1:7341", "absent.conf"},
+               {at + "token-file = missing.token\n", "a", "missing.token"},
+               {at + "token-file = empty.token\n", "a", "no token"},
+               {at + "token-file = " + dir() + "\n", "a", "not a readable file"}};
   for (const auto& c : cases) {
     useConfig(c.config);
     if (c.config.empty()) setenv("MVCORE_CLIENT_CONF", (dir() + "/absent.conf").c_str(), 1);

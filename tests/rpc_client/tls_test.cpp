@@ -134,16 +134,14 @@ TEST_F(TlsLink, AnUnverifiedDaemonIsRefusedAndABadCaFileIsAConfigurationError) {
     const TestDaemon* daemon;
     std::string settings;
     int32_t status;
-  } cases[] = {
-      {&tls, "ca = " + certs_ + "/other-ca.pem\ntls-name = localhost\n",
-       mv::rpc::kStatusCertificateRefused},
-      {&tls, ca + "tls-name = books.example\n", mv::rpc::kStatusCertificateRefused},
-      // The default name is the address, which the certificate does not carry.
-      {&tls, ca, mv::rpc::kStatusCertificateRefused},
-      {&plain, ca + "tls-name = localhost\n", mv::rpc::kStatusCertificateRefused},
-      {&plain, "ca = not-a-cert.pem\n", mv::rpc::kStatusConfigUnreadable},
-      {&plain, "ca = missing.pem\n", mv::rpc::kStatusConfigUnreadable},
-  };
+  } cases[] = {{&tls, "ca = " + certs_ + "/other-ca.pem\ntls-name = localhost\n",
+                mv::rpc::kStatusCertificateRefused},
+               {&tls, ca + "tls-name = books.example\n", mv::rpc::kStatusCertificateRefused},
+               // The default name is the address, which the certificate does not carry.
+               {&tls, ca, mv::rpc::kStatusCertificateRefused},
+               {&plain, ca + "tls-name = localhost\n", mv::rpc::kStatusCertificateRefused},
+               {&plain, "ca = not-a-cert.pem\n", mv::rpc::kStatusConfigUnreadable},
+               {&plain, "ca = missing.pem\n", mv::rpc::kStatusConfigUnreadable}};
   for (const auto& c : cases) {
     EXPECT_EQ(connectNamed(*c.daemon, c.settings), c.status)
         << c.settings << mv::rpc::lastConnectError();

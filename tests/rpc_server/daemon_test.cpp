@@ -118,8 +118,7 @@ TEST(Bookserverd, BadCommandLinesConfigurationsAndPoliciesStopTheStart) {
         "--token-file", tokens},
        1,
        "cannot listen on 192.0.2.1:0",
-       "refusing"},
-  };
+       "refusing"}};
   for (const auto& k : cases) {
     std::vector<std::string> args = k.args;
     args.insert(args.begin(), BOOKSERVERD);
