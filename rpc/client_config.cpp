@@ -5,32 +5,14 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
 #include "frame/connection.h"
+#include "platform/ini.h"
+#include "platform/text.h"
 
 namespace mv::rpc {
 
 namespace {
-
-// Far beyond any sensible configuration; keeps a wrong path (a device, a huge file) from being
-// read whole.
-constexpr std::size_t kMaxConfigBytes = 1 << 20;
-
-std::string_view trim(std::string_view s) {
-  const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r'; };
-  while (!s.empty() && blank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && blank(s.back())) s.remove_suffix(1);
-  return s;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
-           return lower(x) == lower(y);
-         });
-}
 
 bool parsePort(std::string_view text, uint16_t& port) {
   if (text.empty() || text.size() > 5) return false;
@@ -84,7 +66,7 @@ bool parseAddress(std::string_view text, std::string& address) {
 }
 
 bool isLoopback(const std::string& address) {
-  if (equalsIgnoringCase(address, "localhost")) return true;
+  if (equalsIgnoringAsciiCase(address, "localhost")) return true;
   in_addr v4{};
   if (inet_pton(AF_INET, address.c_str(), &v4) == 1) {
     return (ntohl(v4.s_addr) >> 24) == 127;
@@ -105,33 +87,12 @@ std::string absolute(std::string_view path, std::string_view folder) {
   return joined.append(path);
 }
 
-bool readSmallFile(const std::string& path, std::string& text, std::string& error) {
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
-    error = path + ": not a readable file";
-    return false;
-  }
-  if (static_cast<std::size_t>(st.st_size) > kMaxConfigBytes) {
-    error = path + ": larger than 1 MiB";
-    return false;
-  }
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = path + ": cannot be opened";
-    return false;
-  }
-  text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  if (in.bad() || text.size() > kMaxConfigBytes) {
-    error = path + ": cannot be read";
-    return false;
-  }
-  return true;
-}
-
 // The first line of a token file, without its line end and surrounding blanks.
 bool readToken(const std::string& path, std::string& token, std::string& error) {
   std::string text;
-  if (!readSmallFile(path, text, error)) return false;
+  const ini::FileState state = ini::readText(path, text, error);
+  if (state == ini::FileState::kMissing) error = path + ": not a readable file";
+  if (state != ini::FileState::kRead) return false;
   token.assign(trim(std::string_view(text).substr(0, text.find('\n'))));
   if (token.empty()) {
     error = path + ": holds no token";
@@ -165,72 +126,52 @@ bool checkSection(const ServerEntry& e, std::size_t line, std::string& error) {
 bool parseClientConfig(std::string_view text, std::string_view folder,
                        std::vector<ServerEntry>& entries, std::string& error) {
   entries.clear();
-  if (text.find('\0') != std::string_view::npos) {
-    error = "holds a NUL byte: not a text file";
-    return false;
-  }
-  std::size_t lineNo = 0;
-  std::size_t sectionLine = 0;
-  std::vector<std::string> seenKeys;
-  const auto fail = [&](const std::string& what) {
-    error = "line " + std::to_string(lineNo) + ": " + what;
+  ini::Document document;
+  if (!ini::parse(text, document, error)) return false;
+  const auto failAt = [&](std::size_t line, const std::string& what) {
+    error = "line " + std::to_string(line) + ": " + what;
     return false;
   };
-  while (!text.empty()) {
-    ++lineNo;
-    const std::size_t end = text.find('\n');
-    const std::string_view line = trim(text.substr(0, end));
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    if (line.empty() || line.front() == '#' || line.front() == ';') continue;
-
-    if (line.front() == '[') {
-      if (line.back() != ']') return fail("a section header must end with ']'");
-      const std::string_view name = trim(line.substr(1, line.size() - 2));
-      if (name.empty()) return fail("a section needs a server name");
-      if (name.find_first_of("[]") != std::string_view::npos) {
-        return fail("a server name cannot hold brackets");
-      }
-      if (!entries.empty() && !checkSection(entries.back(), sectionLine, error)) return false;
-      for (const ServerEntry& e : entries) {
-        if (equalsIgnoringCase(e.name, name)) return fail("[" + std::string(name) + "] repeated");
-      }
-      entries.push_back(ServerEntry{});
-      entries.back().name.assign(name);
-      sectionLine = lineNo;
-      seenKeys.clear();
-      continue;
-    }
-
-    const std::size_t eq = line.find('=');
-    if (eq == std::string_view::npos) return fail("expected '[server]' or 'key = value'");
-    const std::string key(trim(line.substr(0, eq)));
-    const std::string_view value = trim(line.substr(eq + 1));
-    if (entries.empty()) return fail("'" + key + "' outside a [server] section");
-    if (value.empty()) return fail("'" + key + "' has no value");
-    if (std::find(seenKeys.begin(), seenKeys.end(), key) != seenKeys.end()) {
-      return fail("'" + key + "' repeated");
-    }
-    seenKeys.push_back(key);
-    ServerEntry& e = entries.back();
-    if (key == "address") {
-      if (!parseAddress(value, e.address)) return fail("address is no host name or IP address");
-    } else if (key == "port") {
-      if (!parsePort(value, e.port)) return fail("port must be a number from 1 to 65535");
-    } else if (key == "ca") {
-      e.caFile = absolute(value, folder);
-    } else if (key == "tls-name") {
-      std::string name;
-      if (!parseAddress(value, name)) return fail("tls-name is no host name");
-      e.tlsName = name;
-    } else if (key == "token") {
-      e.token.assign(value);
-    } else if (key == "token-file") {
-      e.tokenFile = absolute(value, folder);
-    } else {
-      return fail("unknown key '" + key + "'");
-    }
+  if (!document.sections[0].entries.empty()) {
+    const ini::Entry& stray = document.sections[0].entries[0];
+    return failAt(stray.line, "'" + stray.key + "' outside a [server] section");
   }
-  return entries.empty() || checkSection(entries.back(), sectionLine, error);
+  for (std::size_t i = 1; i < document.sections.size(); ++i) {
+    const ini::Section& section = document.sections[i];
+    for (const ServerEntry& e : entries) {
+      if (equalsIgnoringAsciiCase(e.name, section.name)) {
+        return failAt(section.line, "[" + section.name + "] repeated");
+      }
+    }
+    ServerEntry& e = entries.emplace_back();
+    e.name = section.name;
+    for (auto entry = section.entries.begin(); entry != section.entries.end(); ++entry) {
+      const std::string& key = entry->key;
+      const std::string_view value = entry->value;
+      const auto fail = [&](const std::string& what) { return failAt(entry->line, what); };
+      if (value.empty()) return fail("'" + key + "' has no value");
+      for (auto earlier = section.entries.begin(); earlier != entry; ++earlier) {
+        if (equalsIgnoringAsciiCase(earlier->key, key)) return fail("'" + key + "' repeated");
+      }
+      if (equalsIgnoringAsciiCase(key, "address")) {
+        if (!parseAddress(value, e.address)) return fail("address is no host name or IP address");
+      } else if (equalsIgnoringAsciiCase(key, "port")) {
+        if (!parsePort(value, e.port)) return fail("port must be a number from 1 to 65535");
+      } else if (equalsIgnoringAsciiCase(key, "ca")) {
+        e.caFile = absolute(value, folder);
+      } else if (equalsIgnoringAsciiCase(key, "tls-name")) {
+        if (!parseAddress(value, e.tlsName)) return fail("tls-name is no host name");
+      } else if (equalsIgnoringAsciiCase(key, "token")) {
+        e.token.assign(value);
+      } else if (equalsIgnoringAsciiCase(key, "token-file")) {
+        e.tokenFile = absolute(value, folder);
+      } else {
+        return fail("unknown key '" + key + "'");
+      }
+    }
+    if (!checkSection(e, section.line, error)) return false;
+  }
+  return true;
 }
 
 bool findClientConfig(std::string& path, std::string& error) {
@@ -303,7 +244,9 @@ int32_t resolveServer(std::string_view name, ServerEndpoint& endpoint, std::stri
   if (!path.empty()) {
     std::string text;
     std::vector<ServerEntry> entries;
-    if (!readSmallFile(path, text, error)) return kStatusConfigUnreadable;
+    const ini::FileState state = ini::readText(path, text, error);
+    if (state == ini::FileState::kMissing) error = path + ": not a readable file";
+    if (state != ini::FileState::kRead) return kStatusConfigUnreadable;
     const std::size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     if (!parseClientConfig(text, folder, entries, error)) {
@@ -311,7 +254,7 @@ int32_t resolveServer(std::string_view name, ServerEndpoint& endpoint, std::stri
       return kStatusConfigUnreadable;
     }
     for (const ServerEntry& e : entries) {
-      if (!equalsIgnoringCase(e.name, name)) continue;
+      if (!equalsIgnoringAsciiCase(e.name, name)) continue;
       if (e.address.empty()) {
         parseAddress(e.name, endpoint.address);
       } else {

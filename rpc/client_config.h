@@ -5,10 +5,10 @@
 //   $MVCORE_CLIENT_CONF            (when set and not empty, it must exist)
 //   $XDG_CONFIG_HOME/mvcore/client.conf, else ~/.config/mvcore/client.conf
 //   /etc/mvcore/client.conf
-// It is read on every connection, so edits apply to the next MVInit. Its form:
+// It is read on every connection, so edits apply to the next MVInit. It takes the INI form of
+// platform/ini.h (comments take whole lines; names ignore ASCII case):
 //
-//   # a comment takes a whole line (also ';'); blank lines and blanks around '=' are ignored
-//   [books]                    the server name an application gives (compared ignoring ASCII case)
+//   [books]                    the server name an application gives
 //   address = books.example.org   host name or IP address; default: the section's name
 //   port = 7340                1..65535; default 7340
 //   ca = /etc/mvcore/ca.pem    PEM certificates to trust: the link uses TLS and the daemon's
@@ -19,9 +19,10 @@
 //   token-file = /path         a file whose first line is the token
 //
 // Relative paths are taken from the configuration file's folder; "~/" is $HOME. Every line must
-// be one of these forms: an unknown key, a key outside a section, a repeated key or section, or
-// a value that does not parse fails every connection with kStatusConfigUnreadable instead of
-// being skipped, because a mistyped "ca" would otherwise fall back to plain text silently.
+// be one of these forms: an end-of-line comment, an unknown key, a key outside a section, a
+// repeated key or section, or a value that does not parse fails every connection with
+// kStatusConfigUnreadable instead of being skipped, because a mistyped "ca" would otherwise fall
+// back to plain text silently.
 //
 // A name without a section may still be a loopback endpoint: "127.0.0.1:7341", "localhost",
 // "[::1]:7341", "::1" (port 7340 when left out). Those links use neither TLS nor a token and

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <getopt.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -13,30 +14,31 @@
 #include <kj/async-io.h>
 #include <kj/compat/tls.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
+#include <iterator>
 #include <set>
-#include <sstream>
+
+#include "platform/ini.h"
+#include "platform/text.h"
 
 namespace mv::rpc {
 
 namespace {
 
-const std::set<std::string, std::less<>> kValued = {"data",     "listen",  "admin",      "password",
-                                                    "tls-cert", "tls-key", "token-file", "config"};
-const std::set<std::string, std::less<>> kFlags = {"init", "insecure"};
-
-std::string_view trimmed(std::string_view s) {
-  const auto first = s.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) return {};
-  const auto last = s.find_last_not_of(" \t\r\n");
-  return s.substr(first, last - first + 1);
-}
+// Every option by its name; flags take no value on the command line (or "=value").
+const option kOptions[] = {
+    {"data", required_argument, nullptr, 0},       {"listen", required_argument, nullptr, 0},
+    {"admin", required_argument, nullptr, 0},      {"password", required_argument, nullptr, 0},
+    {"tls-cert", required_argument, nullptr, 0},   {"tls-key", required_argument, nullptr, 0},
+    {"token-file", required_argument, nullptr, 0}, {"config", required_argument, nullptr, 0},
+    {"init", optional_argument, nullptr, 0},       {"insecure", optional_argument, nullptr, 0},
+    {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
 
 bool flagValue(const std::string& name, const std::string& text, bool& value, std::string& error) {
   static const std::set<std::string, std::less<>> yes = {"1", "true", "yes", "on"};
@@ -55,79 +57,78 @@ bool flagValue(const std::string& name, const std::string& text, bool& value, st
 }  // namespace
 
 bool parseCommandLine(int argc, const char* const* argv, OptionMap& out, std::string& error) {
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "-h" || arg == "--help") {
+  // getopt keeps its place in globals: start afresh, and report errors here, not on stderr.
+  optind = 0;
+  opterr = 0;
+  // getopt_long only reorders the pointers, and "+" stops it doing even that.
+  char* const* args = const_cast<char* const*>(argv);
+  for (;;) {
+    int index = -1;
+    const int c = ::getopt_long(argc, args, "+:h", kOptions, &index);
+    if (c == -1) break;
+    if (c == 'h') {
       out["help"] = "true";
-      continue;
-    }
-    if (arg.rfind("--", 0) != 0) {
-      error = "unexpected argument \"" + arg + "\"";
+    } else if (c == ':') {
+      error = "option " + std::string(argv[optind - 1]) + " needs a value";
       return false;
-    }
-    arg.erase(0, 2);
-    std::string value;
-    const auto eq = arg.find('=');
-    const bool inlineValue = eq != std::string::npos;
-    if (inlineValue) {
-      value = arg.substr(eq + 1);
-      arg.erase(eq);
-    }
-    if (kFlags.count(arg)) {
-      out[arg] = inlineValue ? value : "true";
-    } else if (kValued.count(arg)) {
-      if (!inlineValue) {
-        if (i + 1 >= argc) {
-          error = "option --" + arg + " needs a value";
-          return false;
-        }
-        value = argv[++i];
-      }
-      out[arg] = value;
+    } else if (c == '?') {
+      error = "unknown option " + std::string(argv[optind - 1]);
+      return false;
     } else {
-      error = "unknown option --" + arg;
-      return false;
+      const option& o = kOptions[index];
+      out[o.name] = optarg != nullptr ? optarg : "true";
     }
+  }
+  if (optind < argc) {
+    error = "unexpected argument \"" + std::string(argv[optind]) + "\"";
+    return false;
   }
   return true;
 }
 
-bool parseConfig(std::string_view text, OptionMap& out, std::string& error) {
-  std::size_t lineNo = 0;
-  while (!text.empty()) {
-    ++lineNo;
-    const auto end = text.find('\n');
-    const std::string_view line = trimmed(text.substr(0, end));
-    text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
-    if (line.empty() || line.front() == '#') continue;
-    const auto eq = line.find('=');
-    const std::string where = "line " + std::to_string(lineNo);
-    if (eq == std::string_view::npos) {
-      error = where + ": expected name = value";
+namespace {
+
+bool configOptions(const ini::Document& document, OptionMap& out, std::string& error) {
+  if (document.sections.size() > 1) {
+    error = "line " + std::to_string(document.sections[1].line) + ": there are no sections";
+    return false;
+  }
+  for (const ini::Entry& e : document.sections[0].entries) {
+    std::string name = e.key;
+    for (char& c : name) c = asciiLower(c);
+    const auto known = std::find_if(std::begin(kOptions), std::end(kOptions), [&](const option& o) {
+      return o.name != nullptr && name == o.name;
+    });
+    // A configuration file names no other, and asks for no help.
+    if (known == std::end(kOptions) || name == "config" || name == "help") {
+      error = "line " + std::to_string(e.line) + ": unknown name \"" + e.key + "\"";
       return false;
     }
-    const std::string name(trimmed(line.substr(0, eq)));
-    const std::string value(trimmed(line.substr(eq + 1)));
-    if (name == "config" || (!kValued.count(name) && !kFlags.count(name))) {
-      error = where;
-      error.append(": unknown name \"").append(name).append("\"");
-      return false;
-    }
-    out[name] = value;
+    out[name] = e.value;
   }
   return true;
+}
+
+}  // namespace
+
+bool parseConfig(std::string_view text, OptionMap& out, std::string& error) {
+  ini::Document document;
+  return ini::parse(text, document, error) && configOptions(document, out, error);
 }
 
 bool readConfigFile(const std::string& path, OptionMap& out, std::string& error) {
-  std::ifstream file(path);
-  if (!file) {
-    error = "cannot read the configuration file " + path;
-    return false;
+  ini::Document document;
+  switch (ini::readFile(path, document, error)) {
+    case ini::FileState::kMissing:
+      error = "cannot read the configuration file " + path;
+      return false;
+    case ini::FileState::kFailed:
+      return false;
+    case ini::FileState::kRead:
+      break;
   }
-  std::ostringstream text;
-  text << file.rdbuf();
-  if (!parseConfig(text.str(), out, error)) {
-    error = path + ", " + error;
+  if (!configOptions(document, out, error)) {
+    error = path + ": " + error;
     return false;
   }
   return true;

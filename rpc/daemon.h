@@ -39,11 +39,12 @@ struct DaemonOptions {
 // Options by their names without dashes ("data", "tls-cert"), as given.
 using OptionMap = std::map<std::string, std::string>;
 
-// --name value or --name=value; the flags --init and --insecure stand alone. "help" is set for
-// --help or -h.
+// getopt_long's forms: --name value or --name=value (or an unambiguous start of the name); the
+// flags --init and --insecure stand alone or take =value. "help" is set for --help or -h.
 bool parseCommandLine(int argc, const char* const* argv, OptionMap& out, std::string& error);
-// The configuration file: `name = value` lines with the options' names, '#' starting a comment
-// line, blank lines ignored; flags take true/false, yes/no, on/off or 1/0.
+// The configuration file: the INI form of platform/ini.h without sections, `name = value` lines
+// with the options' names (ASCII case ignored; a repeated name, the last wins); flags take
+// true/false, yes/no, on/off or 1/0.
 bool parseConfig(std::string_view text, OptionMap& out, std::string& error);
 bool readConfigFile(const std::string& path, OptionMap& out, std::string& error);
 // Both together, the command line winning; unknown names and malformed flags are errors.

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "frame/server_methods.h"
+#include "platform/text.h"
 #include "rpc/book_server_stub.h"
 #include "rpc/convert.h"
 #include "server/core/book_server.h"
@@ -21,13 +22,6 @@ bool sameText(std::string_view guess, std::string_view token) {
     diff |= static_cast<unsigned char>(guess[i] ^ t);
   }
   return diff == 0;
-}
-
-std::string_view trimmed(std::string_view s) {
-  const auto first = s.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) return {};
-  const auto last = s.find_last_not_of(" \t\r\n");
-  return s.substr(first, last - first + 1);
 }
 
 }  // namespace
@@ -47,7 +41,7 @@ bool loadTokens(const std::string& path, std::vector<std::string>& tokens, std::
   tokens.clear();
   std::string line;
   while (std::getline(file, line)) {
-    const std::string_view t = trimmed(line);
+    const std::string_view t = trim(line);
     if (!t.empty() && t.front() != '#') tokens.emplace_back(t);
   }
   if (file.bad()) {

@@ -5,8 +5,8 @@
 //               [--config FILE]
 //
 // The configuration file holds the same options without their dashes, one `name = value` a
-// line; a line starting with '#' is a comment; flags take true/false, yes/no, on/off or 1/0; an
-// option given on the command line wins over the file:
+// line, in the INI form of platform/ini.h (comments take whole lines); flags take true/false,
+// yes/no, on/off or 1/0; an option given on the command line wins over the file:
 //
 //   # /etc/mvcore/bookserverd.conf
 //   data = /var/lib/mvcore
@@ -31,10 +31,9 @@
 
 #include <atomic>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 
+#include "platform/ini.h"
 #include "rpc/daemon.h"
 
 namespace {
@@ -64,12 +63,8 @@ int refuse(const std::string& error) {
 }
 
 bool readText(const std::string& path, std::string& text) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return false;
-  std::ostringstream s;
-  s << file.rdbuf();
-  text = s.str();
-  return !file.bad();
+  std::string error;
+  return mv::ini::readText(path, text, error) == mv::ini::FileState::kRead;
 }
 
 void installSignals() {

@@ -7,6 +7,8 @@
 //
 // Without --data the folder is $MVCORE_HOME, else $XDG_DATA_HOME/mvcore, else
 // ~/.local/share/mvcore, as for MVInit("").
+#include <getopt.h>
+
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -29,20 +31,24 @@ int main(int argc, char** argv) {
   const std::string command = argv[1];
   std::string folder;
   mv::server::InitOptions init;
-  for (int i = 2; i < argc; ++i) {
-    const std::string option = argv[i];
-    if (i + 1 >= argc) return usage();
-    const char* value = argv[++i];
-    if (option == "--data") {
-      folder = value;
-    } else if (option == "--admin") {
-      init.adminName = value;
-    } else if (option == "--password") {
-      init.adminPassword = value;
+  static const option kOptions[] = {{"data", required_argument, nullptr, 'd'},
+                                    {"admin", required_argument, nullptr, 'a'},
+                                    {"password", required_argument, nullptr, 'p'},
+                                    {nullptr, 0, nullptr, 0}};
+  opterr = 0;
+  // The command stands where getopt expects the program's name.
+  for (int c; (c = ::getopt_long(argc - 1, argv + 1, "+", kOptions, nullptr)) != -1;) {
+    if (c == 'd') {
+      folder = optarg;
+    } else if (c == 'a') {
+      init.adminName = optarg;
+    } else if (c == 'p') {
+      init.adminPassword = optarg;
     } else {
       return usage();
     }
   }
+  if (optind < argc - 1) return usage();
   if (command != "init" && command != "info") return usage();
   folder = mv::server::resolveDataFolder(folder);
   std::string error;

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "platform/utf.h"
+
 namespace mv::server::sql {
 namespace {
 
@@ -18,39 +20,6 @@ std::string describeChar(char c) {
   char buf[16];
   std::snprintf(buf, sizeof buf, "byte 0x%02X", static_cast<unsigned>(u));
   return buf;
-}
-
-// The server stores what it is given; a literal that is not UTF-8 came through a broken
-// conversion on the client, and storing it would only move the damage into the database.
-bool validUtf8(std::string_view s) {
-  size_t i = 0;
-  while (i < s.size()) {
-    const auto c = static_cast<unsigned char>(s[i]);
-    size_t extra = 0;
-    unsigned min = 0;
-    unsigned cp = 0;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      extra = 1, min = 0x80, cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      extra = 2, min = 0x800, cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      extra = 3, min = 0x10000, cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + extra >= s.size()) return false;
-    for (size_t k = 1; k <= extra; ++k) {
-      const auto cc = static_cast<unsigned char>(s[i + k]);
-      if ((cc & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (cc & 0x3F);
-    }
-    if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-    i += extra + 1;
-  }
-  return true;
 }
 
 constexpr std::string_view kTwoCharSymbols[] = {"<=", ">=", "<>", "!="};
@@ -126,7 +95,9 @@ Tokenized tokenize(std::string_view sql) {
       if (value.find('\0') != std::string::npos) {
         return fail("NUL character in the text literal at offset " + std::to_string(start));
       }
-      if (!validUtf8(value)) {
+      // The server stores what it is given; a literal that is not UTF-8 came through a broken
+      // conversion on the client, and storing it would only move the damage into the database.
+      if (!isValidUtf8(value)) {
         return fail("text literal at offset " + std::to_string(start) + " is not valid UTF-8");
       }
       r.tokens.push_back({TokenKind::Text, std::move(value)});
@@ -153,7 +124,8 @@ Tokenized tokenize(std::string_view sql) {
       }
       if (!closed) return fail("unterminated [name] starting at offset " + std::to_string(i));
       if (name.empty()) return fail("empty [] name at offset " + std::to_string(i));
-      if (!validUtf8(name)) return fail("[name] at offset " + std::to_string(i) + " is not UTF-8");
+      if (!isValidUtf8(name))
+        return fail("[name] at offset " + std::to_string(i) + " is not UTF-8");
       r.tokens.push_back({TokenKind::QuotedName, std::move(name)});
       i = j;
       continue;

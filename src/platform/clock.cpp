@@ -4,6 +4,7 @@
 
 #include "platform/clock.h"
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <ctime>
@@ -15,42 +16,23 @@ constexpr std::int64_t kMsPerDay = 86'400'000;
 constexpr int kMinYear = 100;
 constexpr int kMaxYear = 9999;
 
-bool isLeapYear(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
+using std::chrono::days;
+using std::chrono::sys_days;
+using std::chrono::year_month_day;
 
-int daysInMonth(int year, int month) {
-  static constexpr int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  return month == 2 && isLeapYear(year) ? 29 : kDays[month - 1];
+constexpr sys_days kOleEpoch{std::chrono::year{1899} / std::chrono::December / 30};
+
+year_month_day dateOf(const SYSTEMTIME& st) {
+  return year_month_day{std::chrono::year{st.wYear}, std::chrono::month{st.wMonth},
+                        std::chrono::day{st.wDay}};
 }
 
+// month and day keep only a byte: day 257 would pass as day 1 without the first checks.
 bool validFields(const SYSTEMTIME& st, int minYear, int maxYear) {
-  return st.wYear >= minYear && st.wYear <= maxYear && st.wMonth >= 1 && st.wMonth <= 12 &&
-         st.wDay >= 1 && st.wDay <= daysInMonth(st.wYear, st.wMonth) && st.wHour < 24 &&
-         st.wMinute < 60 && st.wSecond < 60 && st.wMilliseconds < 1000;
+  return st.wYear >= minYear && st.wYear <= maxYear && st.wMonth <= 12 && st.wDay <= 31 &&
+         dateOf(st).ok() && st.wHour < 24 && st.wMinute < 60 && st.wSecond < 60 &&
+         st.wMilliseconds < 1000;
 }
-
-// Days since 1970-01-01 in the proleptic Gregorian calendar, and back.
-constexpr std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
-  y -= m <= 2;
-  const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const auto yoe = static_cast<unsigned>(y - era * 400);
-  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
-  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
-}
-
-void civilFromDays(std::int64_t z, int* year, unsigned* month, unsigned* day) {
-  z += 719468;
-  const std::int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const auto doe = static_cast<unsigned>(z - era * 146097);
-  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const unsigned mp = (5 * doy + 2) / 153;
-  *day = doy - (153 * mp + 2) / 5 + 1;
-  *month = mp < 10 ? mp + 3 : mp - 9;
-  *year = static_cast<int>(static_cast<std::int64_t>(yoe) + era * 400 + (*month <= 2));
-}
-
-constexpr std::int64_t kOleEpoch = daysFromCivil(1899, 12, 30);
 
 SYSTEMTIME fromTm(const std::tm& tm, long nanoseconds) {
   SYSTEMTIME st{};
@@ -119,7 +101,7 @@ bool localSystemTimeToTime(const SYSTEMTIME& st, std::time_t* t) {
 
 bool systemTimeToOleDate(const SYSTEMTIME& st, double* date) {
   if (date == nullptr || !validFields(st, kMinYear, kMaxYear)) return false;
-  const std::int64_t day = daysFromCivil(st.wYear, st.wMonth, st.wDay) - kOleEpoch;
+  const std::int64_t day = (sys_days{dateOf(st)} - kOleEpoch).count();
   const std::int64_t ms =
       ((st.wHour * 60LL + st.wMinute) * 60 + st.wSecond) * 1000 + st.wMilliseconds;
   const double fraction = static_cast<double>(ms) / static_cast<double>(kMsPerDay);
@@ -140,17 +122,15 @@ bool oleDateToSystemTime(double date, SYSTEMTIME* st) {
     ++day;
     ms = 0;
   }
-  int year = 0;
-  unsigned month = 0;
-  unsigned dayOfMonth = 0;
-  civilFromDays(day + kOleEpoch, &year, &month, &dayOfMonth);
+  const sys_days when = kOleEpoch + days{day};
+  const year_month_day calendar{when};
+  const int year = static_cast<int>(calendar.year());
   if (year < kMinYear || year > kMaxYear) return false;
   SYSTEMTIME result{};
   result.wYear = static_cast<uint16_t>(year);
-  result.wMonth = static_cast<uint16_t>(month);
-  result.wDay = static_cast<uint16_t>(dayOfMonth);
-  // Day 0 was a Saturday.
-  result.wDayOfWeek = static_cast<uint16_t>(((day % 7) + 7 + 6) % 7);
+  result.wMonth = static_cast<uint16_t>(static_cast<unsigned>(calendar.month()));
+  result.wDay = static_cast<uint16_t>(static_cast<unsigned>(calendar.day()));
+  result.wDayOfWeek = static_cast<uint16_t>(std::chrono::weekday{when}.c_encoding());
   result.wHour = static_cast<uint16_t>(ms / 3'600'000);
   result.wMinute = static_cast<uint16_t>(ms / 60'000 % 60);
   result.wSecond = static_cast<uint16_t>(ms / 1000 % 60);

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "MVCore.h"
+#include "platform/utf.h"
 
 namespace {
 
@@ -34,32 +35,6 @@ const unsigned char* bytesOf(const char* p) { return reinterpret_cast<const unsi
 
 bool isCp932Lead(unsigned char c) { return (c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC); }
 bool isCp932Trail(unsigned char c) { return c >= 0x40 && c <= 0xFC && c != 0x7F; }
-
-// Length of a well-formed UTF-8 sequence, else 1 (so that a broken sequence is walked byte by
-// byte, as the conversion replaces it byte by byte).
-std::size_t utf8Length(const unsigned char* p, std::size_t available) {
-  const unsigned char c = p[0];
-  std::size_t n = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (c < 0xC2 || c > 0xF4) return 1;  // ASCII, a trail byte, or never a lead in UTF-8
-  if (c <= 0xDF) {
-    n = 2;
-  } else if (c <= 0xEF) {
-    n = 3;
-    if (c == 0xE0) low = 0xA0;   // shorter forms are overlong
-    if (c == 0xED) high = 0x9F;  // surrogates
-  } else {
-    n = 4;
-    if (c == 0xF0) low = 0x90;
-    if (c == 0xF4) high = 0x8F;  // beyond U+10FFFF
-  }
-  if (available < n || p[1] < low || p[1] > high) return 1;
-  for (std::size_t i = 2; i < n; ++i) {
-    if ((p[i] & 0xC0) != 0x80) return 1;
-  }
-  return n;
-}
 
 Family familyOf(const std::string& name) {
   std::string key;
@@ -141,8 +116,12 @@ class CodePage {
     switch (family_) {
       case Family::kCp932:
         return available >= 2 && isCp932Lead(p[0]) && isCp932Trail(p[1]) ? 2 : 1;
-      case Family::kUtf8:
-        return utf8Length(p, available);
+      case Family::kUtf8: {
+        // A broken sequence is walked byte by byte, as the conversion replaces it byte by byte.
+        const mv::Utf8Char c =
+            mv::decodeUtf8(std::string_view(reinterpret_cast<const char*>(p), available));
+        return c.valid ? c.length : 1;
+      }
       case Family::kOther:
         break;
     }

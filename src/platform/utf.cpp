@@ -6,7 +6,11 @@ namespace mv {
 
 namespace {
 
-void append(std::string& out, uint32_t c) {
+constexpr char32_t kReplacement = 0xFFFD;
+
+}  // namespace
+
+void appendUtf8(std::string& out, char32_t c) {
   if (c < 0x80) {
     out += static_cast<char>(c);
   } else if (c < 0x800) {
@@ -24,15 +28,11 @@ void append(std::string& out, uint32_t c) {
   }
 }
 
-constexpr uint32_t kReplacement = 0xFFFD;
-
-}  // namespace
-
 std::string utf16ToUtf8(std::u16string_view text) {
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
-    uint32_t c = text[i];
+    char32_t c = text[i];
     if (c >= 0xD800 && c < 0xDC00) {
       if (i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000) {
         c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00u);
@@ -42,7 +42,7 @@ std::string utf16ToUtf8(std::u16string_view text) {
     } else if (c >= 0xDC00 && c < 0xE000) {
       c = kReplacement;
     }
-    append(out, c);
+    appendUtf8(out, c);
   }
   return out;
 }
@@ -50,30 +50,10 @@ std::string utf16ToUtf8(std::u16string_view text) {
 std::u16string utf8ToUtf16(std::string_view s) {
   std::u16string out;
   out.reserve(s.size());
-  std::size_t i = 0;
-  while (i < s.size()) {
-    const auto b = static_cast<unsigned char>(s[i]);
-    uint32_t c = kReplacement;
-    std::size_t n = 1;
-    uint32_t min = 0;
-    if (b < 0x80) {
-      c = b;
-    } else if (b >= 0xC2 && b <= 0xF4) {
-      n = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : 2;
-      min = n == 2 ? 0x80 : n == 3 ? 0x800 : 0x10000;
-      c = b & (n == 2 ? 0x1F : n == 3 ? 0x0F : 0x07);
-      std::size_t k = 1;
-      for (; k < n && i + k < s.size(); ++k) {
-        const auto t = static_cast<unsigned char>(s[i + k]);
-        if ((t & 0xC0) != 0x80) break;
-        c = (c << 6) | (t & 0x3F);
-      }
-      if (k < n || c < min || c > 0x10FFFF || (c >= 0xD800 && c < 0xE000)) {
-        c = kReplacement;
-        n = k;  // resume at the first byte that did not fit
-      }
-    }
-    i += n;
+  while (!s.empty()) {
+    const Utf8Char d = decodeUtf8(s);
+    s.remove_prefix(d.length);
+    char32_t c = d.code;
     if (c >= 0x10000) {
       c -= 0x10000;
       out += static_cast<char16_t>(0xD800 + (c >> 10));

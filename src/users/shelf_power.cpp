@@ -11,6 +11,7 @@
 #include "frame/handles.h"
 #include "frame/rows.h"
 #include "frame/sql_text.h"
+#include "platform/text.h"
 #include "users/users.h"
 
 namespace mv {
@@ -29,12 +30,7 @@ bool fieldValue(const std::vector<std::string>& fields, std::string_view column,
   for (const std::string& field : fields) {
     if (!std::string_view(field).starts_with(prefix)) continue;
     // A tab is never part of a double-byte character, so the bytes can be searched.
-    std::string_view v = std::string_view(field).substr(field.rfind('\t') + 1);
-    constexpr std::string_view kBlanks = " \t\r\n\v\f";
-    const std::size_t first = v.find_first_not_of(kBlanks);
-    v = first == std::string_view::npos ? std::string_view() : v.substr(first);
-    v = v.substr(0, v.find_last_not_of(kBlanks) + 1);
-    value.assign(v);
+    value.assign(trim(std::string_view(field).substr(field.rfind('\t') + 1)));
     return true;
   }
   return false;

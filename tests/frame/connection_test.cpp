@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "MVCore.h"
+#include "client_env.h"
 #include "server_fixture.h"
 
 namespace mvtest {
@@ -54,6 +55,7 @@ TEST_F(ConnectionTest, InitAsksTheFactoryForTheNamedHostAndStoresAFailedActivati
 }
 
 TEST_F(ConnectionTest, DefaultConnectorReportsAnUnregisteredServerClass) {
+  const ClientConfigHome home;  // a section for "anyhost" at home must not make it known
   mv::setServerFactory(nullptr);
   mv::connection().lastError = 0;
   EXPECT_EQ(MVInit("anyhost"), -1);

@@ -76,19 +76,14 @@ TEST(OleDateTest, RoundsToTheNearestMillisecond) {
 
 TEST(OleDateTest, RejectsInvalidInput) {
   double date = 0;
-  const SYSTEMTIME invalid[] = {make(99, 12, 31),
-                                make(10000, 1, 1),
-                                make(2000, 0, 1),
-                                make(2000, 13, 1),
-                                make(2000, 1, 0),
-                                make(2000, 1, 32),
-                                make(2001, 2, 29),
-                                make(1900, 2, 29),
-                                make(2000, 4, 31),
-                                make(2000, 1, 1, 24),
-                                make(2000, 1, 1, 0, 60),
-                                make(2000, 1, 1, 0, 0, 60),
-                                make(2000, 1, 1, 0, 0, 0, 1000)};
+  const SYSTEMTIME invalid[] = {make(99, 12, 31),           make(10000, 1, 1),
+                                make(2000, 0, 1),           make(2000, 13, 1),
+                                make(2000, 1, 0),           make(2000, 1, 32),
+                                make(2000, 1, 257),  // 1 in a byte
+                                make(2000, 257, 1),         make(2001, 2, 29),
+                                make(1900, 2, 29),          make(2000, 4, 31),
+                                make(2000, 1, 1, 24),       make(2000, 1, 1, 0, 60),
+                                make(2000, 1, 1, 0, 0, 60), make(2000, 1, 1, 0, 0, 0, 1000)};
   for (const SYSTEMTIME& st : invalid) {
     EXPECT_FALSE(mv::systemTimeToOleDate(st, &date))
         << st.wYear << '-' << st.wMonth << '-' << st.wDay << ' ' << st.wHour << ':' << st.wMinute

@@ -3,10 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-
 #include "client_env.h"
 #include "frame/connection.h"
 #include "rpc/client_config.h"
@@ -15,276 +11,194 @@ namespace mvtest {
 namespace {
 
 using mv::rpc::kStatusConfigUnreadable;
-using mv::rpc::ServerEndpoint;
-using mv::rpc::ServerEntry;
+using ::testing::HasSubstr;
 
-// --- the file's form ---------------------------------------------------------------------------
-
-TEST(ClientConfigParse, ReadsEverySettingAndAnchorsRelativePathsAtTheFile) {
-  const std::string text =
-      "# books of the head office\r\n"
-      "\n"
-      "  [Books]  \r\n"
-      "address = books.example.org\n"
-      "port=7400\n"
-      "ca = certs/ca.pem\n"
-      "tls-name = books-tls.example.org\n"
-      "token-file = /etc/mvcore/books.token\n"
-      "; the branch\n"
-      "[branch]\n"
-      "address = [fd00::5]\n"
-      "token = abc def=ghi\n"
-      "[10.1.2.3]\n";
-  std::vector<ServerEntry> entries;
-  std::string error;
-  ASSERT_TRUE(mv::rpc::parseClientConfig(text, "/etc/mvcore/", entries, error)) << error;
-  ASSERT_EQ(entries.size(), 3u);
-  const ServerEntry& books = entries[0];
-  EXPECT_EQ(books.name, "Books");
-  EXPECT_EQ(books.address, "books.example.org");
-  EXPECT_EQ(books.port, 7400);
-  EXPECT_EQ(books.caFile, "/etc/mvcore/certs/ca.pem");
-  EXPECT_EQ(books.tlsName, "books-tls.example.org");
-  EXPECT_EQ(books.tokenFile, "/etc/mvcore/books.token");
-  EXPECT_EQ(books.token, "");
-  const ServerEntry& branch = entries[1];
-  EXPECT_EQ(branch.address, "fd00::5");
-  EXPECT_EQ(branch.port, mv::rpc::kDefaultPort);
-  EXPECT_EQ(branch.token, "abc def=ghi");  // everything after the first '='
-  EXPECT_TRUE(branch.caFile.empty());
-  EXPECT_EQ(entries[2].name, "10.1.2.3");
-  EXPECT_TRUE(entries[2].address.empty());
+// "name address port ca tls-name token token-file|" for every section.
+std::string describe(const std::vector<mv::rpc::ServerEntry>& entries) {
+  std::string out;
+  for (const mv::rpc::ServerEntry& e : entries) {
+    out += e.name + " " + e.address + " " + std::to_string(e.port) + " " + e.caFile + " " +
+           e.tlsName + " " + e.token + " " + e.tokenFile + "|";
+  }
+  return out;
 }
 
-TEST(ClientConfigParse, AnEmptyFileOrOnlyCommentsHoldsNoServer) {
-  std::vector<ServerEntry> entries{ServerEntry{}};
-  std::string error;
-  EXPECT_TRUE(mv::rpc::parseClientConfig("", "/", entries, error));
-  EXPECT_TRUE(entries.empty());
-  EXPECT_TRUE(mv::rpc::parseClientConfig("# nothing\n\n; still nothing", "/", entries, error));
-  EXPECT_TRUE(entries.empty());
+TEST(ClientConfigParse, ReadsEverySettingAndSaysWhichLineItRefusesAndWhy) {
+  const struct {
+    std::string text;
+    const char* expected;  // describe() of what was read, or what the error must say
+    bool ok = false;
+  } cases[] = {
+      {"# head office\r\n\n  [Books]  \r\naddress = books.example.org\nport=7400\nca = "
+       "certs/ca.pem\n"
+       "tls-name = books-tls.example.org\ntoken-file = /etc/mvcore/books.token\n; the branch\n"
+       "[branch]\nADDRESS = [fd00::5]\ntoken = abc def=ghi#1\n[10.1.2.3]\n",
+       "Books books.example.org 7400 /etc/mvcore/certs/ca.pem books-tls.example.org  "
+       "/etc/mvcore/books.token|branch fd00::5 7340   abc def=ghi#1 |10.1.2.3  7340    |",
+       true},
+      {"# nothing\n\n; still nothing", "", true},
+      {"address = x\n", "line 1: 'address' outside"},
+      {"[a]\nadress = x\n", "line 2: unknown key 'adress'"},
+      {"[a]\nport = 1\nPort = 2\n", "line 3: 'Port' repeated"},
+      {"[a]\n[A]\n", "line 2: [A] repeated"},
+      {"[a\n", "line 1: a section header must end"},
+      {"[  ]\n", "line 1: a section needs a name"},
+      {"[a]\nport = 0\n", "line 2: port must be"},
+      {"[a]\nport = 65536\n", "line 2: port must be"},
+      {"[a]\nport = 80x\n", "line 2: port must be"},
+      {"[a]\nport = -1\n", "line 2: port must be"},
+      {"[a]\nca =\n", "line 2: 'ca' has no value"},
+      {"[a]\nca = x.pem # ours\n", "line 2: a comment must take a whole line"},
+      {"[a]\njust words\n", "line 2: expected"},
+      {"[a]\naddress = two words\n", "line 2: address"},
+      {"[a]\naddress = [::1\n", "line 2: address"},
+      {"[a]\naddress = host/path\n", "line 2: address"},
+      {"[a]\ntoken = t\ntoken-file = f\n[b]\n", "line 1: [a] has both token and token-file"},
+      {"[a]\ntls-name = a.example\n", "line 1: [a] has tls-name without ca"},
+      {"[my server]\n", "line 1: [my server] has no address"},
+      {std::string("[a]\ntoken = x\0y\n", 16), "NUL"}};
+  for (const auto& c : cases) {
+    std::vector<mv::rpc::ServerEntry> entries{mv::rpc::ServerEntry{}};
+    std::string error;
+    ASSERT_EQ(mv::rpc::parseClientConfig(c.text, "/etc/mvcore/", entries, error), c.ok)
+        << c.text << " -> " << error;
+    if (c.ok) {
+      EXPECT_EQ(describe(entries), c.expected);
+    } else {
+      EXPECT_THAT(error, HasSubstr(c.expected)) << c.text;
+    }
+  }
 }
 
-struct BadConfig {
-  const char* text;
-  const char* where;  // what the error must name
-};
-
-class ClientConfigRejects : public ::testing::TestWithParam<BadConfig> {};
-
-TEST_P(ClientConfigRejects, SaysWhichLineAndWhy) {
-  std::vector<ServerEntry> entries;
-  std::string error;
-  EXPECT_FALSE(mv::rpc::parseClientConfig(GetParam().text, "/etc/", entries, error));
-  EXPECT_THAT(error, ::testing::HasSubstr(GetParam().where)) << GetParam().text;
+TEST(HostPort, SplitsAddressAndPortOfLoopbackAndOtherNames) {
+  const struct {
+    const char* text;
+    const char* address;  // null: no endpoint
+    uint16_t port = 0;
+    bool loopback = false;
+  } cases[] = {{"127.0.0.1:7341", "127.0.0.1", 7341, true},
+               {"127.9.8.7", "127.9.8.7", 7340, true},
+               {"localhost:1", "localhost", 1, true},
+               {"LocalHost", "LocalHost", 7340, true},
+               {"[::1]:65535", "::1", 65535, true},
+               {"[::1]", "::1", 7340, true},
+               {"::1", "::1", 7340, true},
+               {"10.0.0.1:80", "10.0.0.1", 80, false},
+               {"[fd00::1]:9", "fd00::1", 9, false},
+               {"books.example.org", "books.example.org", 7340, false},
+               {"", nullptr},
+               {"127.0.0.1:", nullptr},
+               {"127.0.0.1:0", nullptr},
+               {"127.0.0.1:70000", nullptr},
+               {"127.0.0.1:7e3", nullptr},
+               {":7340", nullptr},
+               {"[::1", nullptr},
+               {"[::1]7340", nullptr},
+               {"[::1]:", nullptr},
+               {"[127.0.0.1]:80", nullptr},
+               {"::1:7340:x", nullptr},
+               {"bad host:1", nullptr},
+               {"-lead:1", nullptr},
+               {"a..b", nullptr}};
+  for (const auto& c : cases) {
+    std::string address;
+    uint16_t port = 0;
+    bool loopback = false;
+    ASSERT_EQ(mv::rpc::parseHostPort(c.text, address, port, loopback), c.address != nullptr)
+        << c.text;
+    if (c.address) {
+      EXPECT_EQ(address + ":" + std::to_string(port) + (loopback ? " loopback" : ""),
+                c.address + (":" + std::to_string(c.port)) + (c.loopback ? " loopback" : ""));
+    }
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    BadLines, ClientConfigRejects,
-    ::testing::Values(BadConfig{"address = x\n", "line 1: 'address' outside"},
-                      BadConfig{"[a]\nadress = x\n", "line 2: unknown key 'adress'"},
-                      BadConfig{"[a]\nport = 1\nport = 2\n", "line 3: 'port' repeated"},
-                      BadConfig{"[a]\n[A]\n", "line 2: [A] repeated"},
-                      BadConfig{"[a\n", "line 1: a section header must end"},
-                      BadConfig{"[  ]\n", "line 1: a section needs a server name"},
-                      BadConfig{"[a]\nport = 0\n", "line 2: port must be"},
-                      BadConfig{"[a]\nport = 65536\n", "line 2: port must be"},
-                      BadConfig{"[a]\nport = 80x\n", "line 2: port must be"},
-                      BadConfig{"[a]\nport = -1\n", "line 2: port must be"},
-                      BadConfig{"[a]\nca =\n", "line 2: 'ca' has no value"},
-                      BadConfig{"[a]\njust words\n", "line 2: expected"},
-                      BadConfig{"[a]\naddress = two words\n", "line 2: address"},
-                      BadConfig{"[a]\naddress = [::1\n", "line 2: address"},
-                      BadConfig{"[a]\naddress = host/path\n", "line 2: address"},
-                      BadConfig{"[a]\ntoken = t\ntoken-file = f\n[b]\n",
-                                "line 1: [a] has both token and token-file"},
-                      BadConfig{"[a]\ntls-name = a.example\n",
-                                "line 1: [a] has tls-name without ca"},
-                      BadConfig{"[my server]\n", "line 1: [my server] has no address"}));
+class ClientConfig : public ClientEnvTest {};
 
-TEST(ClientConfigParse, ABinaryFileIsNoConfiguration) {
-  std::vector<ServerEntry> entries;
-  std::string error;
-  const std::string text("[a]\ntoken = x\0y\n", 16);
-  EXPECT_FALSE(mv::rpc::parseClientConfig(text, "/", entries, error));
-  EXPECT_THAT(error, ::testing::HasSubstr("NUL"));
-}
-
-// --- where the file is -------------------------------------------------------------------------
-
-class ClientConfigFile : public ClientEnvTest {};
-
-TEST_F(ClientConfigFile, TheVariableWinsAndMustNameAFileThatExists) {
+TEST_F(ClientConfig, TheVariableWinsAndMustExistThenTheUsersFolder) {
   const std::string named = writeFile("named.conf", "");
-  writeFile("xdg/mvcore/client.conf", "");
-  setenv("XDG_CONFIG_HOME", (dir() + "/xdg").c_str(), 1);
-  setenv("MVCORE_CLIENT_CONF", named.c_str(), 1);
-  std::string path, error;
-  ASSERT_TRUE(mv::rpc::findClientConfig(path, error));
-  EXPECT_EQ(path, named);
-
-  setenv("MVCORE_CLIENT_CONF", (dir() + "/missing.conf").c_str(), 1);
-  EXPECT_FALSE(mv::rpc::findClientConfig(path, error));
-  EXPECT_THAT(error, ::testing::HasSubstr("missing.conf"));
-}
-
-TEST_F(ClientConfigFile, WithoutTheVariableTheUsersConfigurationFolderIsLookedIn) {
-  unsetenv("MVCORE_CLIENT_CONF");
   const std::string xdg = writeFile("xdg/mvcore/client.conf", "");
-  setenv("XDG_CONFIG_HOME", (dir() + "/xdg").c_str(), 1);
-  std::string path, error;
-  ASSERT_TRUE(mv::rpc::findClientConfig(path, error));
-  EXPECT_EQ(path, xdg);
-
-  unsetenv("XDG_CONFIG_HOME");
   const std::string home = writeFile("home/.config/mvcore/client.conf", "");
-  setenv("HOME", (dir() + "/home").c_str(), 1);
-  ASSERT_TRUE(mv::rpc::findClientConfig(path, error));
-  EXPECT_EQ(path, home);
-
-  // An empty variable counts as unset.
-  setenv("MVCORE_CLIENT_CONF", "", 1);
-  ASSERT_TRUE(mv::rpc::findClientConfig(path, error));
-  EXPECT_EQ(path, home);
+  setenv("XDG_CONFIG_HOME", (dir() + "/xdg").c_str(), 1);
+  const struct {
+    const char* conf;   // $MVCORE_CLIENT_CONF, null: unset
+    bool xdgSet;        // else unset, and $HOME is looked in
+    std::string found;  // empty: fails
+  } cases[] = {{named.c_str(), true, named},
+               {"", true, xdg},  // an empty variable counts as unset
+               {nullptr, true, xdg},
+               {nullptr, false, home},
+               {"/nonexistent/missing.conf", true, ""}};
+  for (const auto& c : cases) {
+    c.conf ? setenv("MVCORE_CLIENT_CONF", c.conf, 1) : unsetenv("MVCORE_CLIENT_CONF");
+    c.xdgSet ? setenv("XDG_CONFIG_HOME", (dir() + "/xdg").c_str(), 1) : unsetenv("XDG_CONFIG_HOME");
+    std::string path, error;
+    ASSERT_EQ(mv::rpc::findClientConfig(path, error), !c.found.empty()) << c.found;
+    if (c.found.empty()) {
+      EXPECT_THAT(error, HasSubstr("missing.conf"));
+    } else {
+      EXPECT_EQ(path, c.found);
+    }
+  }
 }
 
-// --- names without configuration ---------------------------------------------------------------
-
-struct HostPortCase {
-  const char* text;
-  bool ok;
-  const char* address;
-  uint16_t port;
-  bool loopback;
-};
-
-class HostPort : public ::testing::TestWithParam<HostPortCase> {};
-
-TEST_P(HostPort, SplitsAddressAndPort) {
-  const HostPortCase& c = GetParam();
-  std::string address;
-  uint16_t port = 0;
-  bool loopback = false;
-  ASSERT_EQ(mv::rpc::parseHostPort(c.text, address, port, loopback), c.ok) << c.text;
-  if (!c.ok) return;
-  EXPECT_EQ(address, c.address) << c.text;
-  EXPECT_EQ(port, c.port) << c.text;
-  EXPECT_EQ(loopback, c.loopback) << c.text;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Names, HostPort,
-    ::testing::Values(
-        HostPortCase{"127.0.0.1:7341", true, "127.0.0.1", 7341, true},
-        HostPortCase{"127.9.8.7", true, "127.9.8.7", 7340, true},
-        HostPortCase{"localhost:1", true, "localhost", 1, true},
-        HostPortCase{"LocalHost", true, "LocalHost", 7340, true},
-        HostPortCase{"[::1]:65535", true, "::1", 65535, true},
-        HostPortCase{"[::1]", true, "::1", 7340, true},
-        HostPortCase{"::1", true, "::1", 7340, true},
-        HostPortCase{"10.0.0.1:80", true, "10.0.0.1", 80, false},
-        HostPortCase{"books.example.org", true, "books.example.org", 7340, false},
-        HostPortCase{"[fd00::1]:9", true, "fd00::1", 9, false},
-        HostPortCase{"", false, "", 0, false}, HostPortCase{"127.0.0.1:", false, "", 0, false},
-        HostPortCase{"127.0.0.1:0", false, "", 0, false},
-        HostPortCase{"127.0.0.1:70000", false, "", 0, false},
-        HostPortCase{"127.0.0.1:7e3", false, "", 0, false},
-        HostPortCase{":7340", false, "", 0, false}, HostPortCase{"[::1", false, "", 0, false},
-        HostPortCase{"[::1]7340", false, "", 0, false}, HostPortCase{"[::1]:", false, "", 0, false},
-        HostPortCase{"[127.0.0.1]:80", false, "", 0, false},
-        HostPortCase{"::1:7340:x", false, "", 0, false},
-        HostPortCase{"bad host:1", false, "", 0, false},
-        HostPortCase{"-lead:1", false, "", 0, false}, HostPortCase{"a..b", false, "", 0, false}));
-
-// --- a name to an endpoint ---------------------------------------------------------------------
-
-class ResolveServer : public ClientEnvTest {};
-
-TEST_F(ResolveServer, AConfiguredNameTakesItsSectionIgnoringCase) {
+TEST_F(ClientConfig, ANameResolvesThroughItsSectionOrAsLoopback) {
   writeFile("token", "  s3cret \r\nsecond line\n");
+  writeFile("home/.config/mvcore/books.token", "from home\n");
   useConfig(
       "[Books]\naddress = 192.0.2.7\nport = 7400\nca = ca.pem\ntls-name = books.example\n"
-      "token-file = token\n"
-      "[127.0.0.1:7341]\naddress = 192.0.2.8\n");
-  ServerEndpoint e;
-  std::string error;
-  ASSERT_EQ(mv::rpc::resolveServer("books", e, error), 0) << error;
-  EXPECT_EQ(e.address, "192.0.2.7");
-  EXPECT_EQ(e.port, 7400);
-  EXPECT_EQ(e.caFile, dir() + "/ca.pem");
-  EXPECT_TRUE(e.tls());
-  EXPECT_EQ(e.tlsName, "books.example");
-  EXPECT_EQ(e.token, "s3cret");
-
-  // A section may even take over a host:port name.
-  ASSERT_EQ(mv::rpc::resolveServer("127.0.0.1:7341", e, error), 0) << error;
-  EXPECT_EQ(e.address, "192.0.2.8");
-  EXPECT_EQ(e.port, mv::rpc::kDefaultPort);
-  EXPECT_FALSE(e.tls());
+      "token-file = token\n[127.0.0.1:7341]\naddress = 192.0.2.8\n"
+      "[home]\naddress = 192.0.2.7\ntoken-file = ~/.config/mvcore/books.token\n"
+      "[books.example.org]\ntoken = t\n");
+  const struct {
+    const char* name;
+    int32_t status;
+    std::string endpoint;  // "address port ca tls-name token"
+  } cases[] = {{"books", 0, "192.0.2.7 7400 " + dir() + "/ca.pem books.example s3cret"},
+               {"127.0.0.1:7341", 0, "192.0.2.8 7340   "},  // a section may take over host:port
+               {"home", 0, "192.0.2.7 7340   from home"},
+               {"BOOKS.example.org", 0, "books.example.org 7340   t"},
+               {"[::1]:7400", 0, "::1 7400   "},
+               {"library", mv::kStatusClassNotRegistered, "library"},
+               {"192.0.2.7:7340", mv::kStatusClassNotRegistered, "only loopback"},
+               {"127.0.0.1:x", mv::kStatusClassNotRegistered, "127.0.0.1:x"}};
+  for (const auto& c : cases) {
+    mv::rpc::ServerEndpoint e;
+    std::string error;
+    ASSERT_EQ(mv::rpc::resolveServer(c.name, e, error), c.status) << c.name << ": " << error;
+    if (c.status != 0) {
+      EXPECT_THAT(error, HasSubstr(c.endpoint));
+      continue;
+    }
+    EXPECT_EQ(
+        e.address + " " + std::to_string(e.port) + " " + e.caFile + " " + e.tlsName + " " + e.token,
+        c.endpoint);
+    EXPECT_EQ(e.tls(), std::string(c.name) == "books");
+  }
 }
 
-TEST_F(ResolveServer, AHomeRelativeTokenFileIsFoundInHome) {
-  setenv("HOME", (dir() + "/home").c_str(), 1);
-  writeFile("home/.config/mvcore/books.token", "from home\n");
-  useConfig("[books]\naddress = 192.0.2.7\ntoken-file = ~/.config/mvcore/books.token\n");
-  ServerEndpoint e;
-  std::string error;
-  ASSERT_EQ(mv::rpc::resolveServer("books", e, error), 0) << error;
-  EXPECT_EQ(e.token, "from home");
-}
-
-TEST_F(ResolveServer, ASectionWithoutAddressUsesItsName) {
-  useConfig("[books.example.org]\ntoken = t\n");
-  ServerEndpoint e;
-  std::string error;
-  ASSERT_EQ(mv::rpc::resolveServer("BOOKS.example.org", e, error), 0) << error;
-  EXPECT_EQ(e.address, "books.example.org");
-  EXPECT_EQ(e.token, "t");
-}
-
-TEST_F(ResolveServer, LoopbackNeedsNoSectionAndNothingElseGoesWithout) {
-  useConfig("[books]\naddress = 192.0.2.7\n");
-  ServerEndpoint e;
-  std::string error;
-  ASSERT_EQ(mv::rpc::resolveServer("[::1]:7400", e, error), 0) << error;
-  EXPECT_EQ(e.address, "::1");
-  EXPECT_EQ(e.port, 7400);
-  EXPECT_TRUE(e.token.empty());
-  EXPECT_FALSE(e.tls());
-
-  EXPECT_EQ(mv::rpc::resolveServer("library", e, error), mv::kStatusClassNotRegistered);
-  EXPECT_THAT(error, ::testing::HasSubstr("library"));
-  EXPECT_EQ(mv::rpc::resolveServer("192.0.2.7:7340", e, error), mv::kStatusClassNotRegistered);
-  EXPECT_EQ(mv::rpc::resolveServer("127.0.0.1:x", e, error), mv::kStatusClassNotRegistered);
-}
-
-TEST_F(ResolveServer, AnUnusableConfigurationFailsEveryName) {
-  useConfig("[books]\nport = none\n");
-  ServerEndpoint e;
-  std::string error;
-  EXPECT_EQ(mv::rpc::resolveServer("books", e, error), kStatusConfigUnreadable);
-  EXPECT_THAT(error, ::testing::HasSubstr("line 2"));
-  // Even a loopback name: a broken file is a mistake to report, not to step around.
-  EXPECT_EQ(mv::rpc::resolveServer("127.0.0.1:7341", e, error), kStatusConfigUnreadable);
-
-  setenv("MVCORE_CLIENT_CONF", (dir() + "/absent.conf").c_str(), 1);
-  EXPECT_EQ(mv::rpc::resolveServer("127.0.0.1:7341", e, error), kStatusConfigUnreadable);
-}
-
-TEST_F(ResolveServer, ATokenFileThatCannotBeUsedFailsTheName) {
+TEST_F(ClientConfig, AnUnusableConfigurationOrTokenFileFailsTheName) {
   writeFile("empty.token", "\n");
-  useConfig(
-      "[a]\naddress = 192.0.2.1\ntoken-file = missing.token\n"
-      "[b]\naddress = 192.0.2.1\ntoken-file = empty.token\n"
-      "[c]\naddress = 192.0.2.1\ntoken-file = " +
-      dir() + "\n");
-  ServerEndpoint e;
-  std::string error;
-  EXPECT_EQ(mv::rpc::resolveServer("a", e, error), kStatusConfigUnreadable);
-  EXPECT_THAT(error, ::testing::HasSubstr("missing.token"));
-  EXPECT_EQ(mv::rpc::resolveServer("b", e, error), kStatusConfigUnreadable);
-  EXPECT_THAT(error, ::testing::HasSubstr("no token"));
-  EXPECT_EQ(mv::rpc::resolveServer("c", e, error), kStatusConfigUnreadable);
+  const std::string at = "[a]\naddress = 192.0.2.1\n";
+  const struct {
+    std::string config;  // empty: $MVCORE_CLIENT_CONF names no file
+    const char* name;
+    const char* error;
+  } cases[] = {{"[books]\nport = none\n", "books", "line 2"},
+               // Even a loopback name: a broken file is a mistake to report, not to step around.
+               {"[books]\nport = none\n", "127.0.0.1:7341", "line 2"},
+               {"", "127.0.0.1:7341", "absent.conf"},
+               {at + "token-file = missing.token\n", "a", "missing.token"},
+               {at + "token-file = empty.token\n", "a", "no token"},
+               {at + "token-file = " + dir() + "\n", "a", "not a readable file"}};
+  for (const auto& c : cases) {
+    useConfig(c.config);
+    if (c.config.empty()) setenv("MVCORE_CLIENT_CONF", (dir() + "/absent.conf").c_str(), 1);
+    mv::rpc::ServerEndpoint e;
+    std::string error;
+    EXPECT_EQ(mv::rpc::resolveServer(c.name, e, error), kStatusConfigUnreadable) << c.config;
+    EXPECT_THAT(error, HasSubstr(c.error)) << c.config;
+  }
 }
 
 }  // namespace

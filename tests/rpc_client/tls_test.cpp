@@ -16,9 +16,8 @@ namespace mvtest {
 namespace {
 
 std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
-  s << in.rdbuf();
+  s << std::ifstream(path, std::ios::binary).rdbuf();
   return s.str();
 }
 
@@ -27,23 +26,21 @@ class TlsLink : public ClientEnvTest {
   static void SetUpTestSuite() {
     certs_ = ::testing::TempDir() + "mvcore-tls-" + std::to_string(::getpid());
     std::filesystem::create_directories(certs_);
-    const std::string d = certs_;
+    std::ofstream(certs_ + "/server.ext")
+        << "subjectAltName=DNS:localhost\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n";
     const std::string key = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
-    std::ofstream(d + "/server.ext") << "subjectAltName=DNS:localhost\n"
-                                        "basicConstraints=CA:FALSE\n"
-                                        "extendedKeyUsage=serverAuth\n";
+    const std::string ca =
+        " -days 2 -addext basicConstraints=critical,CA:TRUE"
+        " -addext keyUsage=critical,keyCertSign";
     const std::string script =
-        "cd '" + d + "' && ( " + "openssl req -x509" + key +
-        " -keyout ca.key -out ca.pem -days 2 -subj /CN=mvcore-test-ca"
-        " -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign" +
-        " && openssl req -x509" + key +
-        " -keyout other.key -out other-ca.pem -days 2 -subj /CN=mvcore-other-ca"
-        " -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign" +
-        " && openssl req" + key + " -keyout server.key -out server.csr -subj /CN=localhost" +
+        "cd '" + certs_ + "' && ( openssl req -x509" + key + " -keyout ca.key -out ca.pem" + ca +
+        " -subj /CN=mvcore-test-ca && openssl req -x509" + key +
+        " -keyout other.key -out other-ca.pem -subj /CN=mvcore-other-ca" + ca + " && openssl req" +
+        key + " -keyout server.key -out server.csr -subj /CN=localhost" +
         " && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial"
-        " -out server.pem -days 2 -extfile server.ext" +
-        " ) > openssl.log 2>&1";
-    made_ = std::system(script.c_str()) == 0;
+        " -out server.pem -days 2 -extfile server.ext ) > openssl.log 2>&1";
+    haveOpenssl_ = std::system("command -v openssl > /dev/null 2>&1") == 0;
+    made_ = haveOpenssl_ && std::system(script.c_str()) == 0;
   }
 
   static void TearDownTestSuite() {
@@ -52,8 +49,9 @@ class TlsLink : public ClientEnvTest {
   }
 
   void SetUp() override {
-    ClientEnvTest::SetUp();
-    if (!made_) GTEST_SKIP() << "openssl could not make the test certificates; see " << certs_;
+    if (!haveOpenssl_) GTEST_SKIP() << "the openssl program is not installed (scripts/setup.sh)";
+    ASSERT_TRUE(made_) << "openssl could not make the test certificates:\n"
+                       << slurp(certs_ + "/openssl.log");
   }
 
   static DaemonOptions tlsDaemon() {
@@ -64,53 +62,46 @@ class TlsLink : public ClientEnvTest {
   }
 
   // Connects by name through a configuration that holds `settings` for it.
-  int32_t connectNamed(const std::string& settings) {
-    useConfig("[secure]\n" + settings);
-    mv::IBookServer* server = nullptr;
-    const int32_t status = mv::rpc::connectRemote("secure", &server);
-    if (server != nullptr) server->Release();
+  int32_t connectNamed(const TestDaemon& daemon, const std::string& settings,
+                       mv::IBookServer** server = nullptr) {
+    useConfig("[secure]\naddress = 127.0.0.1\nport = " + std::to_string(daemon.port()) + "\n" +
+              settings);
+    mv::IBookServer* s = nullptr;
+    const int32_t status = mv::rpc::connectRemote("secure", &s);
+    if (server != nullptr) *server = s;
+    if (server == nullptr && s != nullptr) s->Release();
     return status;
   }
 
   static std::string certs_;
+  static bool haveOpenssl_;
   static bool made_;
 };
 
 std::string TlsLink::certs_;
+bool TlsLink::haveOpenssl_ = false;
 bool TlsLink::made_ = false;
 
-TEST_F(TlsLink, AVerifiedDaemonAnswersOverTls) {
-  TestDaemon daemon(tlsDaemon());
-  useConfig("[secure]\naddress = 127.0.0.1\nport = " + std::to_string(daemon.port()) +
-            "\nca = " + certs_ + "/ca.pem\ntls-name = localhost\ntoken = t\n");
-  mv::IBookServer* server = nullptr;
-  ASSERT_EQ(mv::rpc::connectRemote("secure", &server), 0) << mv::rpc::lastConnectError();
-  EXPECT_EQ(server->ConnectCheck(), 0);
-  // Rows come through the TLS stream as they do in the clear.
-  const mv::Bstr db(u"Book1"), table(u"TagPageTBL");
-  int32_t rows = 0;
-  mv::Bstr handle;
-  ASSERT_EQ(server->OpenTable(db.get(), table.get(), 0, &rows, handle.out()), 0);
-  for (int i = 0; i < rows; ++i) {
-    mv::Variant row;
-    ASSERT_EQ(server->GetRecords(db.get(), handle.get(), i, row.get()), 0);
-    ASSERT_EQ(rowTexts(row), expectedRow(i, 0));
-  }
-  EXPECT_EQ(daemon.log().getRecords, 3);
-  server->Release();
-  std::lock_guard<std::mutex> lock(daemon.log().mutex);
-  EXPECT_EQ(daemon.log().tokens, std::vector<std::string>{"t"});
-}
-
-TEST_F(TlsLink, ABlobReadAheadComesThroughTlsByteForByte) {
+TEST_F(TlsLink, AVerifiedDaemonAnswersRowsAndABlobReadAheadByteForByte) {
   DaemonOptions o = tlsDaemon();
   o.blobBytes = int64_t{mv::kBlockSize} * 5 + 123;
   TestDaemon daemon(o);
-  useConfig("[secure]\naddress = 127.0.0.1\nport = " + std::to_string(daemon.port()) +
-            "\nca = " + certs_ + "/ca.pem\ntls-name = localhost\n");
   mv::IBookServer* server = nullptr;
-  ASSERT_EQ(mv::rpc::connectRemote("secure", &server), 0) << mv::rpc::lastConnectError();
-  const mv::Bstr db(u"Book1"), handle(u"H1"), column(u"RealityData");
+  ASSERT_EQ(connectNamed(daemon, "ca = " + certs_ + "/ca.pem\ntls-name = localhost\ntoken = t\n",
+                         &server),
+            0)
+      << mv::rpc::lastConnectError();
+  EXPECT_EQ(server->ConnectCheck(), 0);
+  const mv::Bstr db(u"Book1"), table(u"TagPageTBL"), handle(u"H1"), column(u"RealityData");
+  int32_t rows = 0;
+  mv::Bstr opened;
+  ASSERT_EQ(server->OpenTable(db.get(), table.get(), 0, &rows, opened.out()), 0);
+  for (int i = 0; i < rows; ++i) {
+    mv::Variant row;
+    ASSERT_EQ(server->GetRecords(db.get(), opened.get(), i, row.get()), 0);
+    ASSERT_EQ(rowTexts(row), expectedRow(i, 0));
+  }
+  EXPECT_EQ(daemon.log().getRecords, 3);
   std::vector<uint8_t> got;
   const mv::DownloadResult r = mv::downloadBlocks(*server, db.get(), handle.get(), column.get(),
                                                   [&](const uint8_t* data, std::size_t n) {
@@ -127,33 +118,36 @@ TEST_F(TlsLink, ABlobReadAheadComesThroughTlsByteForByte) {
   const std::vector<DownloadRequest> asked = daemon.log().downloadsSoFar();
   ASSERT_GE(asked.size(), 6u);
   EXPECT_LE(asked.size(), 10u);
-  for (std::size_t i = 0; i < asked.size(); ++i)
+  for (std::size_t i = 0; i < asked.size(); ++i) {
     EXPECT_EQ(asked[i].blockNo, static_cast<int32_t>(i + 1));
+  }
+  std::lock_guard<std::mutex> lock(daemon.log().mutex);
+  EXPECT_EQ(daemon.log().tokens, std::vector<std::string>{"t"});
 }
 
-TEST_F(TlsLink, ACertificateFromAnotherCaOrForAnotherNameIsRefused) {
-  TestDaemon daemon(tlsDaemon());
-  const std::string at = "address = 127.0.0.1\nport = " + std::to_string(daemon.port()) + "\n";
-  EXPECT_EQ(connectNamed(at + "ca = " + certs_ + "/other-ca.pem\ntls-name = localhost\n"),
-            mv::rpc::kStatusCertificateRefused)
-      << mv::rpc::lastConnectError();
-  EXPECT_EQ(connectNamed(at + "ca = " + certs_ + "/ca.pem\ntls-name = books.example\n"),
-            mv::rpc::kStatusCertificateRefused)
-      << mv::rpc::lastConnectError();
-  // The default name is the address, which the certificate does not carry.
-  EXPECT_EQ(connectNamed(at + "ca = " + certs_ + "/ca.pem\n"), mv::rpc::kStatusCertificateRefused);
-  EXPECT_EQ(daemon.log().logins, 0);
-}
-
-TEST_F(TlsLink, TlsAgainstAPlainDaemonIsRefusedAndABadCaFileIsAConfigurationError) {
+TEST_F(TlsLink, AnUnverifiedDaemonIsRefusedAndABadCaFileIsAConfigurationError) {
+  TestDaemon tls(tlsDaemon());
   TestDaemon plain;
-  const std::string at = "address = 127.0.0.1\nport = " + std::to_string(plain.port()) + "\n";
-  EXPECT_EQ(connectNamed(at + "ca = " + certs_ + "/ca.pem\ntls-name = localhost\n"),
-            mv::rpc::kStatusCertificateRefused);
-  EXPECT_EQ(plain.log().logins, 0);
   writeFile("not-a-cert.pem", "hello\n");
-  EXPECT_EQ(connectNamed(at + "ca = not-a-cert.pem\n"), mv::rpc::kStatusConfigUnreadable);
-  EXPECT_EQ(connectNamed(at + "ca = missing.pem\n"), mv::rpc::kStatusConfigUnreadable);
+  const std::string ca = "ca = " + certs_ + "/ca.pem\n";
+  const struct {
+    const TestDaemon* daemon;
+    std::string settings;
+    int32_t status;
+  } cases[] = {{&tls, "ca = " + certs_ + "/other-ca.pem\ntls-name = localhost\n",
+                mv::rpc::kStatusCertificateRefused},
+               {&tls, ca + "tls-name = books.example\n", mv::rpc::kStatusCertificateRefused},
+               // The default name is the address, which the certificate does not carry.
+               {&tls, ca, mv::rpc::kStatusCertificateRefused},
+               {&plain, ca + "tls-name = localhost\n", mv::rpc::kStatusCertificateRefused},
+               {&plain, "ca = not-a-cert.pem\n", mv::rpc::kStatusConfigUnreadable},
+               {&plain, "ca = missing.pem\n", mv::rpc::kStatusConfigUnreadable}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(connectNamed(*c.daemon, c.settings), c.status)
+        << c.settings << mv::rpc::lastConnectError();
+  }
+  EXPECT_EQ(tls.log().logins, 0);
+  EXPECT_EQ(plain.log().logins, 0);
 }
 
 }  // namespace

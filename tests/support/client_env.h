@@ -1,9 +1,10 @@
-// A fixture that owns the environment the client configuration is looked up in: a fresh folder
-// per test, and the variables put back as they were afterwards.
+// The environment the client configuration is looked up in ($MVCORE_CLIENT_CONF,
+// $XDG_CONFIG_HOME, $HOME), pointed at a fresh folder for as long as the object lives and put back
+// afterwards, so that a developer's own configuration can neither break nor pass a test.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -15,27 +16,24 @@
 
 namespace mvtest {
 
-class ClientEnvTest : public ::testing::Test {
- protected:
-  void SetUp() override {
+class ClientConfigHome {
+ public:
+  ClientConfigHome() {
     for (const char* name : {"MVCORE_CLIENT_CONF", "XDG_CONFIG_HOME", "HOME"}) {
       const char* v = std::getenv(name);
       saved_.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
     }
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string suffix =
-        std::to_string(::getpid()) + "-" + info->test_suite_name() + "-" + info->name();
-    for (char& c : suffix) {
-      if (c == '/') c = '_';
-    }
-    dir_ = ::testing::TempDir() + "mvcore-client-" + suffix;
-    std::filesystem::remove_all(dir_);
-    std::filesystem::create_directories(dir_);
-    // An empty configuration of the test's own: nothing on this machine leaks in.
+    std::string pattern = ::testing::TempDir() + "mvcore-client-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp " << pattern;
+    dir_ = pattern;
+    std::filesystem::create_directories(dir_ + "/home/.config");
+    setenv("HOME", (dir_ + "/home").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir_ + "/home/.config").c_str(), 1);
+    // An empty configuration of the test's own.
     useConfig("");
   }
 
-  void TearDown() override {
+  ~ClientConfigHome() {
     for (const auto& [name, value] : saved_) {
       if (value) {
         setenv(name.c_str(), value->c_str(), 1);
@@ -46,6 +44,9 @@ class ClientEnvTest : public ::testing::Test {
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
   }
+
+  ClientConfigHome(const ClientConfigHome&) = delete;
+  ClientConfigHome& operator=(const ClientConfigHome&) = delete;
 
   const std::string& dir() const { return dir_; }
 
@@ -67,5 +68,7 @@ class ClientEnvTest : public ::testing::Test {
   std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
   std::string dir_;
 };
+
+class ClientEnvTest : public ::testing::Test, public ClientConfigHome {};
 
 }  // namespace mvtest
