@@ -315,7 +315,9 @@ TEST_F(SqlPolicyTest, UpdateBatchesAreAllOrNothing) {
   const auto batch = [](const std::string& second, const char* end) {
     return "BEGIN TRAN T1;UPDATE UserInfoTBL SET Password = 'p1' WHERE T_Index = 2;" + second + end;
   };
-  const std::string good = "UPDATE UserInfoTBL SET UserAttribute = 7 WHERE T_Index = 3;";
+  // The second update overwrites the first: they run in order.
+  const std::string good =
+      "UPDATE UserInfoTBL SET Password = 'p3', UserAttribute = 7 WHERE UserAttribute = 1;";
   EXPECT_NE(s->ExecuteSQL(In(kSystemDb),
                           In(batch("UPDATE UserInfoTBL SET NoSuchColumn = 1;", "COMMIT TRAN T1;"))),
             0);
@@ -325,8 +327,8 @@ TEST_F(SqlPolicyTest, UpdateBatchesAreAllOrNothing) {
             0);
   EXPECT_EQ(users("T_Index > 0", "Password"), "admin pw pw");
   ASSERT_EQ(s->ExecuteSQL(In(kSystemDb), In(batch(good, "COMMIT TRAN T1;"))), 0) << lastError(*s);
-  EXPECT_EQ(users("T_Index > 0", "Password"), "admin p1 pw");
-  EXPECT_EQ(users("UserAttribute = 7"), "bob");
+  EXPECT_EQ(users("T_Index > 0", "Password"), "admin p3 pw");
+  EXPECT_EQ(users("UserAttribute = 7"), "ADMIN");
 }
 
 }  // namespace

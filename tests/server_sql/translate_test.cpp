@@ -1,11 +1,7 @@
-// The translator's output text, its refusals, its promise never to touch a literal, and each
-// rewriting rule by itself.
+// The translator's output text, its refusals, and its promise never to touch a literal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
-
-#include "sql/rules.h"
 #include "sql/translate.h"
 
 namespace mvtest {
