@@ -1,9 +1,6 @@
 // Blobs in blocks: how a source of each size ends in the insert and update forms, and how a
 // download stops.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <numeric>
 
 #include "frame/blocks.h"
 #include "frame/exchange.h"
@@ -19,146 +16,120 @@ std::vector<uint8_t> pattern(std::size_t n) {
 }
 
 mv::BlockSource from(const std::vector<uint8_t>& bytes) {
-  auto offset = std::make_shared<std::size_t>(0);
-  return [&bytes, offset](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
-    const std::size_t n = std::min(size, bytes.size() - *offset);
-    std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(*offset), n, data);
-    *offset += n;
+  return [&bytes, offset = std::size_t{0}](uint8_t* data, std::size_t size) mutable {
+    const std::size_t n = std::min(size, bytes.size() - offset);
+    std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), n, data);
+    offset += n;
     return static_cast<std::ptrdiff_t>(n);
   };
 }
 
-// (bytes, isLast) of each UpLoadData call.
-std::vector<std::pair<std::string, std::string>> uploads(const RecordingServer& server) {
-  std::vector<std::pair<std::string, std::string>> out;
-  for (const Call& c : server.calls) {
-    if (c.method == "UpLoadData") out.emplace_back(c.args[2], c.args[4]);
-  }
+// "bytes/isLast" of each UpLoadData call.
+std::string uploads(const RecordingServer& server) {
+  std::string out;
+  for (const Call& c : server.calls) out += c.args[2] + "/" + c.args[4] + " ";
   return out;
 }
 
-struct Case {
-  std::size_t size;
-  std::vector<std::pair<std::string, std::string>> insert;
-  std::vector<std::pair<std::string, std::string>> update;
-};
+mv::UploadResult upload(RecordingServer& server, mv::UploadForm form, const mv::BlockSource& src) {
+  mv::BlockRecord record("BOOK1", "H1", 5, "RealityData");
+  return mv::uploadBlocks(server, record.get(), form, src);
+}
 
-class UploadSizes : public ::testing::TestWithParam<Case> {};
-
-TEST_P(UploadSizes, EndsAsTheFormRequiresAndDeliversEveryByte) {
-  const Case& c = GetParam();
-  const std::vector<uint8_t> bytes = pattern(c.size);
-  for (const auto form : {mv::UploadForm::Insert, mv::UploadForm::Update}) {
-    RecordingServer server;
-    mv::BlockRecord record("BOOK1", "H1", 5, "RealityData");
-    const mv::UploadResult r = mv::uploadBlocks(server, record.get(), form, from(bytes));
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(uploads(server), form == mv::UploadForm::Insert ? c.insert : c.update);
-    EXPECT_EQ(server.uploaded, bytes);
-    for (std::size_t i = 0; i < server.calls.size(); ++i) {
-      EXPECT_EQ(server.calls[i].args[1], std::to_string(i + 1));  // block numbers from 1
-      EXPECT_EQ(server.calls[i].args[3], "<307200 bytes>");       // always full-size arrays
-      EXPECT_EQ(server.calls[i].args[0], "[DBNAME=BOOK1|TABLENAME=H1|MSTKEY=5|KEY=RealityData]");
+TEST(Upload, EndsAsTheFormRequiresAndDeliversEveryByte) {
+  // An insert always ends on a block flagged last, if need be an empty one; an update never
+  // sends an empty block.
+  const std::tuple<std::size_t, const char*, const char*> cases[] = {
+      {0, "0/1 ", ""},
+      {1, "1/1 ", "1/1 "},
+      {307199, "307199/1 ", "307199/1 "},
+      {307200, "307200/0 0/1 ", "307200/0 "},
+      {307201, "307200/0 1/1 ", "307200/0 1/1 "},
+      {614400, "307200/0 307200/0 0/1 ", "307200/0 307200/0 "}};
+  for (const auto& [size, insert, update] : cases) {
+    SCOPED_TRACE(size);
+    const std::vector<uint8_t> bytes = pattern(size);
+    for (const auto form : {mv::UploadForm::Insert, mv::UploadForm::Update}) {
+      RecordingServer server;
+      EXPECT_EQ(upload(server, form, from(bytes)).status, 0);
+      EXPECT_EQ(uploads(server), form == mv::UploadForm::Insert ? insert : update);
+      EXPECT_EQ(server.uploaded, bytes);
+      for (std::size_t i = 0; i < server.calls.size(); ++i) {
+        EXPECT_EQ(server.calls[i].args[0], "[DBNAME=BOOK1|TABLENAME=H1|MSTKEY=5|KEY=RealityData]");
+        EXPECT_EQ(server.calls[i].args[1], std::to_string(i + 1));  // block numbers from 1
+        EXPECT_EQ(server.calls[i].args[3], "<307200 bytes>");       // always full-size arrays
+      }
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Blocks, UploadSizes,
-    ::testing::Values(Case{0, {{"0", "1"}}, {}}, Case{1, {{"1", "1"}}, {{"1", "1"}}},
-                      Case{307199, {{"307199", "1"}}, {{"307199", "1"}}},
-                      Case{307200, {{"307200", "0"}, {"0", "1"}}, {{"307200", "0"}}},
-                      Case{307201, {{"307200", "0"}, {"1", "1"}}, {{"307200", "0"}, {"1", "1"}}},
-                      Case{614400,
-                           {{"307200", "0"}, {"307200", "0"}, {"0", "1"}},
-                           {{"307200", "0"}, {"307200", "0"}}}),
-    [](const ::testing::TestParamInfo<Case>& param) {
-      return "Bytes" + std::to_string(param.param.size);
-    });
-
-TEST(Upload, AFailingBlockStopsTheLoopWithItsStatus) {
+TEST(Upload, AFailingBlockOrReadStopsTheLoop) {
   RecordingServer server;
   server.failNext("UpLoadData", 0, 1);
   server.failNext("UpLoadData", 0x90, 1);
-  mv::BlockRecord record("BOOK1", "H1", 5, "RealityData");
   const auto bytes = pattern(3 * 307200);
-  const mv::UploadResult r =
-      mv::uploadBlocks(server, record.get(), mv::UploadForm::Insert, from(bytes));
+  const mv::UploadResult r = upload(server, mv::UploadForm::Insert, from(bytes));
   EXPECT_EQ(r.status, 0x90);
   EXPECT_EQ(r.calls, 2);
   EXPECT_EQ(server.count("UpLoadData"), 2);
-}
 
-TEST(Upload, AReadFailureMarksTheBlockLast) {
-  RecordingServer server;
-  mv::BlockRecord record("BOOK1", "H1", 5, "RealityData");
+  // A read failure marks the block last.
+  RecordingServer other;
   int reads = 0;
-  const mv::UploadResult r =
-      mv::uploadBlocks(server, record.get(), mv::UploadForm::Insert,
-                       [&reads](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
-                         if (++reads > 1) return -1;
-                         std::fill_n(data, size, uint8_t{1});
-                         return static_cast<std::ptrdiff_t>(size);
-                       });
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(uploads(server),
-            (std::vector<std::pair<std::string, std::string>>{{"307200", "0"}, {"0", "1"}}));
+  EXPECT_EQ(upload(other, mv::UploadForm::Insert,
+                   [&reads](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
+                     if (++reads > 1) return -1;
+                     std::fill_n(data, size, uint8_t{1});
+                     return static_cast<std::ptrdiff_t>(size);
+                   })
+                .status,
+            0);
+  EXPECT_EQ(uploads(other), "307200/0 0/1 ");
 }
 
-class Download : public ::testing::Test {
- protected:
-  mv::DownloadResult run(std::vector<uint8_t>& sink, bool acceptWrites = true) {
+TEST(Download, StopsOnTheEndFlagAnEmptyBlockAFailureOrARefusedWrite) {
+  RecordingServer server;
+  std::vector<uint8_t> got;
+  bool accept = true;
+  const auto run = [&] {
+    got.clear();
+    server.calls.clear();
     return mv::downloadBlocks(server, mv::toWide("BOOK1").get(), mv::toWide("H2").get(),
                               mv::toWide("RealityData").get(),
                               [&](const uint8_t* data, std::size_t n) {
-                                if (!acceptWrites) return false;
-                                sink.insert(sink.end(), data, data + n);
-                                return true;
+                                got.insert(got.end(), data, data + n);
+                                return accept;
                               });
-  }
-  RecordingServer server;
-};
-
-TEST_F(Download, StopsOnTheEndFlagOrOnABlockWithoutAnArray) {
+  };
   server.download = pattern(700000);
-  std::vector<uint8_t> got;
-  mv::DownloadResult r = run(got);
-  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(run().status, 0);
   EXPECT_EQ(got, server.download);
-  EXPECT_EQ(server.count("DownLoadData"), 3);
-  EXPECT_EQ(server.calls[0].text(), "DownLoadData(BOOK1, H2, RealityData, 0, 1, 307200)");
+  EXPECT_EQ(server.log(),
+            "DownLoadData(BOOK1, H2, RealityData, 0, 1, 307200)\n"
+            "DownLoadData(BOOK1, H2, RealityData, 0, 2, 307200)\n"
+            "DownLoadData(BOOK1, H2, RealityData, 0, 3, 307200)\n");
 
-  server.calls.clear();
   server.flagEndOnLastBlock = false;
   server.downloadChunk = 1000;
   server.download = pattern(2500);
-  got.clear();
-  r = run(got);
+  EXPECT_EQ(run().status, 0);
   EXPECT_EQ(got, server.download);
   EXPECT_EQ(server.count("DownLoadData"), 4);  // the fourth brings no array
 
-  server.calls.clear();
   server.download.clear();
-  got.clear();
-  r = run(got);
-  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(run().status, 0);
   EXPECT_TRUE(got.empty());
   EXPECT_EQ(server.count("DownLoadData"), 1);
-}
 
-TEST_F(Download, AFailedBlockOrARefusedWriteStopsWhatFollows) {
   server.download = pattern(3000);
-  server.downloadChunk = 1000;
   server.failNext("DownLoadData", 0, 1);
   server.failNext("DownLoadData", 0xA0, 1);
-  std::vector<uint8_t> got;
-  mv::DownloadResult r = run(got);
-  EXPECT_EQ(r.status, 0xA0);
+  EXPECT_EQ(run().status, 0xA0);
   EXPECT_EQ(got.size(), 1000u);
 
-  server.calls.clear();
-  r = run(got, false);
-  EXPECT_TRUE(r.sinkFailed);
+  accept = false;
+  const mv::DownloadResult refused = run();
+  EXPECT_TRUE(refused.sinkFailed);
   EXPECT_EQ(server.count("DownLoadData"), 1);
 }
 

@@ -1,8 +1,9 @@
-// Blobs in blocks: UpLoadData series of every shape the library sends, DownLoadData back, and
-// the file dates kept beside them.
+// Blobs in blocks: UpLoadData series of every shape the library sends, DownLoadData back, the
+// file dates kept beside them; share folders, and books leaving and returning whole.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
 
 #include "book_server_session.h"
@@ -11,6 +12,9 @@ namespace mvtest::server {
 namespace {
 
 using ::testing::IsEmpty;
+using ::testing::Not;
+
+namespace fs = std::filesystem;
 
 constexpr char kImages[] = "ImageDataTBL";
 constexpr char kData[] = "RealityData";
@@ -20,8 +24,8 @@ class BlobsTest : public ServerTest {
   void SetUp() override {
     ServerTest::SetUp();
     if (HasFatalFailure()) return;
-    ASSERT_EQ(s->CreateBookDatabase(In(""), In(""), In(kBook)), 0) << lastError(*s);
-    images = openTable(*s, kBook, kImages);
+    createBook(kBook);
+    images = open(*s, kBook, kImages);
     ASSERT_EQ(images.status, 0);
     reader = connect();
   }
@@ -32,72 +36,62 @@ class BlobsTest : public ServerTest {
 
   int32_t newRow() { return addRow(*s, kBook, kImages, {field("TagID", 1, "1")}); }
   // What another session reads: only what has been stored counts.
-  std::vector<uint8_t> stored(int32_t key) {
-    return storedBlob(*reader, kBook, kImages, key, kData);
-  }
-  int32_t send(int32_t key, const std::vector<uint8_t>& data, Ending ending) {
+  Bytes stored(int32_t key) { return storedBlob(*reader, kBook, kImages, key); }
+  int32_t send(int32_t key, const Bytes& data, Ending ending = Ending::LastFlag) {
     return upload(*s, kBook, images.handle, key, kData, data, ending);
   }
-  int32_t sendBlock(int32_t key, int32_t blockNo, const std::vector<uint8_t>& data, int32_t last) {
-    TextArray target(blockRecord(kBook, images.handle, key, kData));
-    ByteBlock block(data.data(), data.size(), kBlockSize);
-    return s->UpLoadData(target.get(), blockNo, static_cast<int32_t>(data.size()), block.get(),
-                         last);
+  int32_t sendBlock(int32_t key, int32_t blockNo, int32_t last) {
+    TextArray target({"DBNAME=" + std::string(kBook), "TABLENAME=" + images.handle,
+                      "MSTKEY=" + std::to_string(key), "KEY=RealityData"});
+    ByteBlock block(nullptr, 0, kBlockSize);
+    return s->UpLoadData(target.get(), blockNo, kBlockSize, block.get(), last);
+  }
+  Opened row(int32_t key) {
+    return open(*s, kBook, "", "SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(key));
   }
 
   Opened images;
   Session reader;
 };
 
-TEST_F(BlobsTest, SizesAroundTheBlockSizeRoundTrip) {
-  for (const std::size_t size :
-       {std::size_t{0}, std::size_t{1}, std::size_t{307199}, std::size_t{307200},
-        std::size_t{307201}, std::size_t{5000000 + 17}}) {
+TEST_F(BlobsTest, SizesAroundTheBlockSizeRoundTripAndAShorterBlobReplacesALongerOne) {
+  for (const std::size_t size : {0, 1, 307199, 307200, 307201, 5000000 + 17}) {
     SCOPED_TRACE(size);
     const int32_t key = newRow();
     const auto data = pattern(size, static_cast<uint32_t>(size));
-    ASSERT_EQ(send(key, data, Ending::LastFlag), 0) << lastError(*s);
+    ASSERT_EQ(send(key, data), 0) << lastError(*s);
     EXPECT_TRUE(sameBytes(stored(key), data));
   }
-
   const int32_t key = newRow();
   const auto exact = pattern(307200, 3);
   ASSERT_EQ(send(key, exact, Ending::EmptyLastBlock), 0) << lastError(*s);
   EXPECT_TRUE(sameBytes(stored(key), exact));
-
-  // A shorter blob replaces a longer one whole, and a read after the rewrite sees it.
   const auto shorter = pattern(1000, 4);
-  ASSERT_EQ(send(key, shorter, Ending::LastFlag), 0);
+  ASSERT_EQ(send(key, shorter), 0);
   EXPECT_TRUE(sameBytes(stored(key), shorter));
-  std::vector<uint8_t> own;
-  const Opened again =
-      executeQuery(*s, kBook, "SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(key));
-  ASSERT_EQ(download(*s, kBook, again.handle, kData, 0, own), 0);
+  Bytes own;
+  ASSERT_EQ(download(*s, kBook, row(key).handle, kData, 0, own), 0);
   EXPECT_TRUE(sameBytes(own, shorter));
 }
 
 TEST_F(BlobsTest, ASeriesWithoutLastFlagIsStoredByTheSessionsNextCall) {
-  const int32_t dated = newRow();
-  const auto one = pattern(307200, 5);
-  ASSERT_EQ(send(dated, one, Ending::NoLastFlag), 0);
-  double date = 0;
-  EXPECT_EQ(s->ImageFileDate(In(kBook), In(images.handle), 0, dated, &date), 0);
-  EXPECT_TRUE(sameBytes(stored(dated), one));
-
-  const int32_t closed = newRow();
-  const auto two = pattern(2 * 307200, 6);
-  ASSERT_EQ(send(closed, two, Ending::NoLastFlag), 0);
-  EXPECT_EQ(closeTable(*s, kBook, images.handle), 0);
-  EXPECT_TRUE(sameBytes(stored(closed), two));
-}
-
-TEST_F(BlobsTest, AnyNextCallStoresAPendingSeries) {
+  int32_t key = 0;
   const std::pair<const char*, std::function<void()>> calls[] = {
+      {"ImageFileDate",
+       [&] {
+         double date = 0;
+         EXPECT_EQ(s->ImageFileDate(In(kBook), In(images.handle), 0, key, &date), 0);
+       }},
+      {"CloseTable",
+       [&] {
+         EXPECT_EQ(closeTable(*s, kBook, images.handle), 0);
+         images = open(*s, kBook, kImages);
+       }},
       {"SetBookUpdateCounter", [&] { EXPECT_EQ(s->SetBookUpdateCounter(In(kBook)), 0); }},
       {"GetRecords",
        [&] {
-         std::vector<std::string> row;
-         EXPECT_EQ(getRow(*s, kBook, images.handle, 0, row), 0);
+         std::vector<std::string> elements;
+         EXPECT_EQ(getRow(*s, kBook, images.handle, 0, elements), 0);
        }},
       {"CheckTBL", [&] { EXPECT_EQ(s->CheckTBL(In(kBook), In(kImages)), 10); }},
       {"SetMutex", [&] { EXPECT_EQ(s->SetMutex(In("image"), 1), 0); }},
@@ -107,113 +101,209 @@ TEST_F(BlobsTest, AnyNextCallStoresAPendingSeries) {
          EXPECT_EQ(s->RepricatOut(In(kBook), file.out()), 0);
        }},
   };
-  // The snapshot the GetRecords call reads needs a row.
-  newRow();
-  images = openTable(*s, kBook, kImages);
+  newRow();  // the snapshot GetRecords reads needs a row
+  images = open(*s, kBook, kImages);
   for (const auto& [name, call] : calls) {
     SCOPED_TRACE(name);
-    const int32_t key = newRow();
-    const auto data = pattern(307200, static_cast<uint32_t>(key));
+    key = newRow();
+    const auto data = pattern(2 * 307200, static_cast<uint32_t>(key));
     ASSERT_EQ(send(key, data, Ending::NoLastFlag), 0);
     call();
     EXPECT_TRUE(sameBytes(stored(key), data));
   }
 }
 
-TEST_F(BlobsTest, AnUnfinishedDownloadHoldsNothingUp) {
+TEST_F(BlobsTest, AnUnfinishedDownloadHoldsNothingUpAndAnEmptyColumnGivesNoArray) {
   const int32_t key = newRow();
-  ASSERT_EQ(send(key, pattern(2 * kBlockSize, 31), Ending::LastFlag), 0);
-  const Opened row =
-      executeQuery(*s, kBook, "SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(key));
+  ASSERT_EQ(send(key, pattern(2 * kBlockSize, 31)), 0);
+  const Opened mine = row(key);
+  const auto block = [&](const char* column, int32_t rowIndex, int32_t& isEnd, int32_t& count) {
+    mv::Variant data;
+    const int32_t status = s->DownLoadData(In(kBook), In(mine.handle), In(column), rowIndex, 1,
+                                           kBlockSize, data.get(), &isEnd, &count);
+    return status != 0 ? "failed" : data.get()->vt == MV_VT_EMPTY ? "empty" : "bytes";
+  };
   // A reader may stop once it has what it needs, here after the first block.
-  mv::Variant block;
-  int32_t isEnd = 1;
-  int32_t count = 0;
-  ASSERT_EQ(s->DownLoadData(In(kBook), In(row.handle), In(kData), 0, 1, kBlockSize, block.get(),
-                            &isEnd, &count),
-            0);
+  int32_t isEnd = 1, count = 0;
+  EXPECT_STREQ(block(kData, 0, isEnd, count), "bytes");
   EXPECT_EQ(isEnd, 0);
-
+  EXPECT_EQ(count, kBlockSize);
   mv::Bstr file;
   ASSERT_EQ(reader->RepricatOut(In(kBook), file.out()), 0) << lastError(*reader);
   EXPECT_EQ(reader->RepricatIn(In(kBook)), 0) << lastError(*reader);
-  const Opened theirs = openTable(*reader, kBook, kImages);
   const auto replaced = pattern(kBlockSize + 5, 32);
-  ASSERT_EQ(upload(*reader, kBook, theirs.handle, key, kData, replaced, Ending::LastFlag), 0);
-
+  ASSERT_EQ(upload(*reader, kBook, open(*reader, kBook, kImages).handle, key, kData, replaced), 0);
   // Starting again from block 1 is a new read, of the bytes stored now.
-  std::vector<uint8_t> data;
-  EXPECT_EQ(download(*s, kBook, row.handle, kData, 0, data), 0) << lastError(*s);
+  Bytes data;
+  EXPECT_EQ(download(*s, kBook, mine.handle, kData, 0, data), 0) << lastError(*s);
   EXPECT_TRUE(sameBytes(data, replaced));
-}
 
-TEST_F(BlobsTest, AnEmptyColumnGivesNoArray) {
-  const int32_t key = newRow();
-  const Opened row =
-      executeQuery(*s, kBook, "SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(key));
+  const Opened fresh = row(newRow());
   for (const char* column : {kData, "Reserve"}) {
-    mv::Variant block;
-    int32_t isEnd = 0;
-    int32_t count = -1;
-    EXPECT_EQ(s->DownLoadData(In(kBook), In(row.handle), In(column), 0, 1, kBlockSize, block.get(),
+    isEnd = 0, count = -1;
+    mv::Variant none;
+    EXPECT_EQ(s->DownLoadData(In(kBook), In(fresh.handle), In(column), 0, 1, kBlockSize, none.get(),
                               &isEnd, &count),
               0)
         << column << lastError(*s);
-    EXPECT_EQ(block.get()->vt, MV_VT_EMPTY) << column;
+    EXPECT_EQ(none.get()->vt, MV_VT_EMPTY) << column;
     EXPECT_EQ(isEnd, 1) << column;
     EXPECT_EQ(count, 0) << column;
   }
-  mv::Variant block;
-  int32_t isEnd = 0;
-  int32_t count = 0;
-  EXPECT_NE(s->DownLoadData(In(kBook), In(row.handle), In(kData), 1, 1, kBlockSize, block.get(),
-                            &isEnd, &count),
-            0);
+  EXPECT_STREQ(block(kData, 1, isEnd, count), "failed");
 }
 
 TEST_F(BlobsTest, BadSeriesAreRefusedAndChangeNothing) {
   const int32_t key = newRow();
-  const std::vector<uint8_t> original{'A'};
-  ASSERT_EQ(send(key, original, Ending::LastFlag), 0);
-  const auto block = pattern(kBlockSize, 7);
-
-  EXPECT_NE(sendBlock(key, 2, block, 1), 0);
-  EXPECT_NE(sendBlock(key, 0, block, 1), 0);
-  ASSERT_EQ(sendBlock(key, 1, block, 0), 0);
-  EXPECT_NE(sendBlock(key, 3, block, 1), 0);
-  EXPECT_THAT(lastError(*s), testing::Not(IsEmpty()));
-  // The broken series is dropped, not resumed.
-  EXPECT_NE(sendBlock(key, 2, block, 1), 0);
+  const Bytes original{'A'};
+  ASSERT_EQ(send(key, original), 0);
+  EXPECT_NE(sendBlock(key, 2, 1), 0);
+  EXPECT_NE(sendBlock(key, 0, 1), 0);
+  ASSERT_EQ(sendBlock(key, 1, 0), 0);
+  EXPECT_NE(sendBlock(key, 3, 1), 0);
+  EXPECT_THAT(lastError(*s), Not(IsEmpty()));
+  EXPECT_NE(sendBlock(key, 2, 1), 0);  // the broken series is dropped, not resumed
   EXPECT_EQ(closeTable(*s, kBook, images.handle), 0);
   EXPECT_TRUE(sameBytes(stored(key), original));
 
-  images = openTable(*s, kBook, kImages);
-  EXPECT_NE(upload(*s, kBook, images.handle, key, "FileName", block, Ending::LastFlag), 0);
-  EXPECT_NE(send(9999, block, Ending::LastFlag), 0);
-  EXPECT_NE(upload(*s, kBook, "H999.999", key, kData, block, Ending::LastFlag), 0);
+  images = open(*s, kBook, kImages);
+  const auto block = pattern(kBlockSize, 7);
+  EXPECT_NE(upload(*s, kBook, images.handle, key, "FileName", block), 0);
+  EXPECT_NE(send(9999, block), 0);
+  EXPECT_NE(upload(*s, kBook, "H999.999", key, kData, block), 0);
   EXPECT_TRUE(sameBytes(stored(key), original));
 }
 
-TEST_F(BlobsTest, ImageFileDateRoundTripsADouble) {
+TEST_F(BlobsTest, ImageFileDateRoundTripsADoubleOfTheRow) {
   const int32_t dated = newRow();
   const int32_t undated = newRow();
-  double date = 45321.515625;
-  ASSERT_EQ(s->ImageFileDate(In(kBook), In(images.handle), 1, dated, &date), 0) << lastError(*s);
-  double back = -1;
-  EXPECT_EQ(s->ImageFileDate(In(kBook), In(images.handle), 0, dated, &back), 0);
-  EXPECT_EQ(back, 45321.515625);
-  back = -1;
-  EXPECT_EQ(s->ImageFileDate(In(kBook), In(images.handle), 0, undated, &back), 0);
-  EXPECT_EQ(back, 0.0);
-
+  const auto date = [&](Server& server, const std::string& handle, int32_t key) {
+    double back = -1;
+    const int32_t status = server.ImageFileDate(In(kBook), In(handle), 0, key, &back);
+    return status == 0 ? back : -1.0;
+  };
+  double set = 45321.515625;
+  ASSERT_EQ(s->ImageFileDate(In(kBook), In(images.handle), 1, dated, &set), 0) << lastError(*s);
+  EXPECT_EQ(date(*s, images.handle, dated), 45321.515625);
+  EXPECT_EQ(date(*s, images.handle, undated), 0.0);
   // The date is the row's, not the session's.
-  const Opened theirs = openTable(*reader, kBook, kImages);
-  back = -1;
-  EXPECT_EQ(reader->ImageFileDate(In(kBook), In(theirs.handle), 0, dated, &back), 0);
-  EXPECT_EQ(back, 45321.515625);
+  EXPECT_EQ(date(*reader, open(*reader, kBook, kImages).handle, dated), 45321.515625);
+  EXPECT_EQ(date(*s, images.handle, 9999), -1.0);
+  EXPECT_EQ(date(*s, "H999.999", dated), -1.0);
+}
 
-  EXPECT_NE(s->ImageFileDate(In(kBook), In(images.handle), 0, 9999, &back), 0);
-  EXPECT_NE(s->ImageFileDate(In(kBook), In("H999.999"), 0, dated, &back), 0);
+class SharesTest : public ServerTest {
+ protected:
+  void SetUp() override {
+    ServerTest::SetUp();
+    if (HasFatalFailure()) return;
+    createBook(kBook);
+    addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "表紙"), field("Up_DateCounter", 1, "3")});
+    addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "図面")});
+    image = addRow(*s, kBook, "ImageDataTBL", {field("TagID", 1, "2")});
+    const Opened images = open(*s, kBook, "ImageDataTBL");
+    ASSERT_EQ(upload(*s, kBook, images.handle, image, kData, blob), 0);
+    ASSERT_EQ(closeTable(*s, kBook, images.handle), 0);
+  }
+
+  int32_t share(const char* db, const char* table, int32_t key, std::string& path) {
+    mv::Bstr folder;
+    const int32_t status =
+        s->OpenNetShare(In("client"), In("PC-1"), In(db), In(table), key, folder.out());
+    path = utf8(folder);
+    return status;
+  }
+  static bool inside(const std::string& path, const std::string& parent) {
+    const fs::path rel =
+        fs::weakly_canonical(path).lexically_relative(fs::weakly_canonical(parent));
+    return !rel.empty() && *rel.begin() != ".." && fs::is_directory(path);
+  }
+  void expectSameBook(const char* copy) {
+    const char* pages = "SELECT * FROM TagPageTBL ORDER BY T_Index";
+    EXPECT_EQ(select(*s, copy, pages), select(*s, kBook, pages));
+    EXPECT_EQ(column(*s, copy, pages, "TagName"), "表紙 図面");
+    EXPECT_TRUE(sameBytes(storedBlob(*s, copy, "ImageDataTBL", image), blob));
+  }
+
+  const Bytes blob = pattern(200000, 21);
+  int32_t image = -1;
+};
+
+TEST_F(SharesTest, OpenNetShareGivesFoldersInsideTheDataFolder) {
+  std::string book, row, staging, again, none;
+  ASSERT_EQ(share(kBook, "", -1, book), 0) << lastError(*s);
+  EXPECT_TRUE(inside(book, folder())) << book;
+  ASSERT_EQ(share(kBook, "ImageDataTBL", image, row), 0) << lastError(*s);
+  EXPECT_TRUE(inside(row, book)) << row;
+  ASSERT_EQ(share("", "", -1, staging), 0) << lastError(*s);
+  EXPECT_TRUE(inside(staging, folder())) << staging;
+  EXPECT_FALSE(inside(staging, book)) << staging;
+  EXPECT_FALSE(inside(book, staging)) << book;
+  EXPECT_EQ(share(kBook, "", -1, again), 0);
+  EXPECT_EQ(again, book);
+  EXPECT_NE(share("BOOK9999999999", "", -1, none), 0);
+  EXPECT_THAT(none, IsEmpty());
+  EXPECT_NE(share(kBook, "../..", 1, none), 0);
+  EXPECT_THAT(none, IsEmpty());
+  EXPECT_NE(share("../..", "", -1, none), 0);
+}
+
+TEST_F(SharesTest, ACarriedOutBookCarriesInUnderANewName) {
+  constexpr int32_t kPiece = 64 * 1024;
+  std::vector<Bytes> pieces;
+  std::string name;
+  for (int32_t blockNo = 1, isEnd = 0; !isEnd && blockNo <= 10000; ++blockNo) {
+    mv::Variant block;
+    int32_t value = 0;
+    mv::Bstr fileName;
+    ASSERT_EQ(
+        s->CarryingOut(In(kBook), blockNo, kPiece, block.get(), &isEnd, fileName.out(), &value), 0)
+        << lastError(*s);
+    if (blockNo == 1) name = utf8(fileName);
+    if (block.get()->vt != MV_VT_EMPTY) pieces.push_back(bytes(*block.get()));
+  }
+  EXPECT_THAT(name, Not(IsEmpty()));
+  ASSERT_GT(pieces.size(), 1u);
+  for (std::size_t i = 0; i + 1 < pieces.size(); ++i) EXPECT_EQ(pieces[i].size(), kPiece);
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    ByteBlock block(pieces[i].data(), pieces[i].size(), kPiece);
+    ASSERT_EQ(s->Carryingin(In(kOther), i == 0, static_cast<int32_t>(pieces[i].size()), block.get(),
+                            i + 1 == pieces.size()),
+              0)
+        << "block " << i + 1 << ": " << lastError(*s);
+  }
+  EXPECT_EQ(exists(kOther), 0);
+  expectSameBook(kOther);
+
+  // Blocks that do not start a carry, and bytes that are no database, make nothing.
+  ByteBlock stray(pieces[0].data(), pieces[0].size(), kPiece);
+  EXPECT_NE(s->Carryingin(In("BOOK1123000003"), 0, kPiece, stray.get(), 1), 0);
+  const auto garbage = pattern(kPiece, 99);
+  ByteBlock junk(garbage.data(), garbage.size(), kPiece);
+  EXPECT_NE(s->Carryingin(In("BOOK1123000003"), 1, kPiece, junk.get(), 1), 0);
+  EXPECT_THAT(lastError(*s), Not(IsEmpty()));
+  EXPECT_EQ(exists("BOOK1123000003"), mv::kStatusMissingDatabase);
+}
+
+TEST_F(SharesTest, ReplicationRoundTripsThroughTheStagingFolder) {
+  std::string staging;
+  ASSERT_EQ(share("", "", -1, staging), 0);
+  mv::Bstr fileName;
+  ASSERT_EQ(s->RepricatOut(In(kBook), fileName.out()), 0) << lastError(*s);
+  const std::string file = utf8(fileName);
+  ASSERT_TRUE(file.starts_with(kBook)) << file;
+  ASSERT_TRUE(fs::is_regular_file(fs::path(staging) / file)) << file;
+  // The same file under another book's name makes that book.
+  fs::copy_file(fs::path(staging) / file,
+                fs::path(staging) / (kOther + file.substr(std::string(kBook).size())));
+  ASSERT_EQ(s->RepricatIn(In(kOther)), 0) << lastError(*s);
+  expectSameBook(kOther);
+  // Changes made after the replica was taken are undone by taking it in.
+  addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "後から")});
+  ASSERT_EQ(s->RepricatIn(In(kBook)), 0) << lastError(*s);
+  expectSameBook(kBook);
+  EXPECT_FALSE(fs::exists(fs::path(staging) / file));
+  EXPECT_NE(s->RepricatIn(In(kBook)), 0);
 }
 
 }  // namespace

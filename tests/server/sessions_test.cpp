@@ -1,7 +1,9 @@
-// What sessions share through the core: named mutexes, logons, counters.
+// What sessions share through the core (named mutexes, logons, counters) and whole databases:
+// books made from templates, copied and deleted, and the templates themselves.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -13,65 +15,53 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-using mv::server::kMutexFree;
-using mv::server::kMutexHeldByAnother;
-using mv::server::kMutexNotHeld;
-using mv::server::kUserIsAdmin;
-using mv::server::kUserIsNotAdmin;
+using ::testing::Not;
+using namespace mv::server;
 
 class SessionsTest : public ServerTest {
  protected:
-  std::vector<std::string> logons(mv::IBookServer& server, int32_t* count) {
-    mv::Variant list;
-    EXPECT_EQ(server.GetLoginUsers(list.get(), count), 0);
-    return list.get()->vt == MV_VT_EMPTY ? std::vector<std::string>{} : texts(*list.get());
-  }
-  int32_t counter(mv::IBookServer& server, const char* name, int32_t op) {
+  int32_t counter(Server& server, const char* name, int32_t op) {
     int32_t value = -1;
-    EXPECT_EQ(server.SetCounter(In(name), op, &value), 0);
-    return value;
+    return server.SetCounter(In(name), op, &value) == 0 ? value : -100;
   }
-  int32_t bookCounter(mv::IBookServer& server, const char* db) {
+  int32_t bookCounter(const char* db) {
     uint8_t block[16] = {};
     int32_t value = -1;
-    EXPECT_EQ(server.GetBookUpdateCounter(In(db), block, &value), 0) << db;
-    return value;
+    return s->GetBookUpdateCounter(In(db), block, &value) == 0 ? value : -100;
+  }
+  int32_t tagCounter(int32_t tag, int32_t op) {
+    uint8_t block[16] = {};
+    int32_t value = -1;
+    return s->TagUpdateCounter(In(kBook), tag, op, block, &value) == 0 ? value : -100;
+  }
+  std::string tags(const char* db) {
+    return column(*s, db, "SELECT * FROM TagPageTBL ORDER BY T_Index", "TagName");
   }
 };
 
-TEST_F(SessionsTest, AMutexBelongsToTheSessionThatTookIt) {
+TEST_F(SessionsTest, AMutexBelongsToTheSessionThatTookItUntilReleasedOrTheSessionEnds) {
   Session b = connect();
-  EXPECT_EQ(s->SetMutex(In("shelf"), 1), kMutexFree);
-  EXPECT_EQ(s->SetMutex(In("shelf"), 1), kMutexFree);  // taking it again is harmless
-  EXPECT_EQ(b->SetMutex(In("shelf"), 0), kMutexHeldByAnother);
-  EXPECT_EQ(b->SetMutex(In("shelf"), 1), kMutexHeldByAnother);
-  EXPECT_EQ(b->SetMutex(In("shelf"), 2), kMutexHeldByAnother);
-  EXPECT_EQ(b->SetMutex(In("other"), 1), kMutexFree);  // names are independent
-
-  EXPECT_EQ(s->SetMutex(In("shelf"), 2), kMutexFree);
-  EXPECT_EQ(s->SetMutex(In("shelf"), 2), kMutexNotHeld);
-  EXPECT_EQ(b->SetMutex(In("shelf"), 0), kMutexFree);
-  EXPECT_EQ(b->SetMutex(In("shelf"), 1), kMutexFree);
-  EXPECT_EQ(s->SetMutex(In("shelf"), 0), kMutexHeldByAnother);
-}
-
-TEST_F(SessionsTest, EndingASessionReleasesItsMutexes) {
-  Session b = connect();
-  ASSERT_EQ(b->SetMutex(In("shelf"), 1), kMutexFree);
-  ASSERT_EQ(b->SetMutex(In("book"), 1), kMutexFree);
-  ASSERT_EQ(s->SetMutex(In("shelf"), 0), kMutexHeldByAnother);
+  // Op 0 asks, 1 takes, 2 releases.
+  const std::tuple<Server*, const char*, int32_t, int32_t> steps[] = {
+      {s.get(), "shelf", 1, kMutexFree},          {s.get(), "shelf", 1, kMutexFree},
+      {b.get(), "shelf", 0, kMutexHeldByAnother}, {b.get(), "shelf", 1, kMutexHeldByAnother},
+      {b.get(), "shelf", 2, kMutexHeldByAnother}, {b.get(), "other", 1, kMutexFree},
+      {s.get(), "shelf", 2, kMutexFree},          {s.get(), "shelf", 2, kMutexNotHeld},
+      {b.get(), "shelf", 0, kMutexFree},          {b.get(), "shelf", 1, kMutexFree},
+      {s.get(), "shelf", 0, kMutexHeldByAnother}, {s.get(), "other", 1, kMutexHeldByAnother}};
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    const auto& [session, name, op, result] = steps[i];
+    EXPECT_EQ(session->SetMutex(In(name), op), result) << "step " << i;
+  }
   b.reset();
   EXPECT_EQ(s->SetMutex(In("shelf"), 0), kMutexFree);
   EXPECT_EQ(s->SetMutex(In("shelf"), 1), kMutexFree);
-  EXPECT_EQ(s->SetMutex(In("book"), 1), kMutexFree);
+  EXPECT_EQ(s->SetMutex(In("other"), 1), kMutexFree);
 }
 
 TEST_F(SessionsTest, SessionsOnSeveralThreadsExcludeEachOtherAndCountExactly) {
-  constexpr int kThreads = 4;
-  constexpr int kRounds = 50;
-  std::atomic<int> inside{0};
-  std::atomic<int> overlaps{0};
+  constexpr int kThreads = 4, kRounds = 50;
+  std::atomic<int> inside{0}, overlaps{0};
   std::vector<Session> sessions;
   for (int i = 0; i < kThreads; ++i) sessions.push_back(connect());
   std::vector<std::thread> threads;
@@ -92,41 +82,40 @@ TEST_F(SessionsTest, SessionsOnSeveralThreadsExcludeEachOtherAndCountExactly) {
   EXPECT_EQ(counter(*s, "rounds", 0), kThreads * kRounds);
 }
 
-TEST_F(SessionsTest, LogonsAreListedUntilTheirSessionEnds) {
+TEST_F(SessionsTest, LogonsAreListedUntilTheirSessionEndsAndRolesChange) {
   Session b = connect();
+  const auto logons = [&](int32_t expectedCount) {
+    mv::Variant list;
+    int32_t count = -1;
+    EXPECT_EQ(s->GetLoginUsers(list.get(), &count), 0);
+    EXPECT_EQ(count, expectedCount);
+    return list.get()->vt == MV_VT_EMPTY ? std::vector<std::string>{} : texts(*list.get());
+  };
   EXPECT_EQ(s->LoginMgr(In("admin"), In("PC-1"), In("admin"), 1), 0) << lastError(*s);
   EXPECT_EQ(b->LoginMgr(In("admin"), In("端末2"), In("admin"), 1), 0) << lastError(*b);
   EXPECT_NE(b->LoginMgr(In("admin"), In("PC-3"), In("wrong"), 1), 0);
-  EXPECT_THAT(lastError(*b), testing::Not(IsEmpty()));
+  EXPECT_THAT(lastError(*b), Not(IsEmpty()));
   EXPECT_NE(b->LoginMgr(In("nobody"), In("PC-3"), In("admin"), 1), 0);
-
-  int32_t count = -1;
-  EXPECT_THAT(logons(*s, &count), ElementsAre("admin", "PC-1", "admin", "端末2"));
-  EXPECT_EQ(count, 2);
-
+  EXPECT_THAT(logons(2), ElementsAre("admin", "PC-1", "admin", "端末2"));
   b.reset();
-  EXPECT_THAT(logons(*s, &count), ElementsAre("admin", "PC-1"));
-  EXPECT_EQ(count, 1);
-
+  EXPECT_THAT(logons(1), ElementsAre("admin", "PC-1"));
   EXPECT_EQ(s->LoginMgr(In("admin"), In(""), In(""), 0), 0);
-  EXPECT_THAT(logons(*s, &count), IsEmpty());
-  EXPECT_EQ(count, 0);
-}
+  EXPECT_THAT(logons(0), IsEmpty());
 
-TEST_F(SessionsTest, SetUserAdminAnswersAndChangesTheRole) {
+  // SetUserAdmin: 0 asks, 1 makes an administrator, 2 takes it back; the row is untouched.
   EXPECT_EQ(s->SetUserAdmin(In("admin"), In("admin"), 0), kUserIsAdmin);
-  const int32_t key = addRow(
+  addRow(
       *s, kSystemDb, "UserInfoTBL",
       {field("UserName", 2, "worker"), field("Password", 2, "pw"), field("UserAttribute", 1, "1")});
-  EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 0), kUserIsNotAdmin);
-  EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 1), kUserIsAdmin);
-  EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 0), kUserIsAdmin);
-  EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 2), kUserIsNotAdmin);
-  EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), 0), kUserIsNotAdmin);
-  const auto rows =
-      select(*s, kSystemDb, "SELECT * FROM UserInfoTBL WHERE T_Index = " + std::to_string(key));
-  EXPECT_THAT(column(rows, "UserAttribute"), ElementsAre("1"));
-
+  for (const auto& [op, role] : {std::pair{0, kUserIsNotAdmin},
+                                 {1, kUserIsAdmin},
+                                 {0, kUserIsAdmin},
+                                 {2, kUserIsNotAdmin},
+                                 {0, kUserIsNotAdmin}}) {
+    EXPECT_EQ(s->SetUserAdmin(In("worker"), In("pw"), op), role) << op;
+  }
+  EXPECT_EQ(column(*s, kSystemDb, "SELECT * FROM UserInfoTBL WHERE T_Index = 2", "UserAttribute"),
+            "1");
   for (const int32_t status :
        {s->SetUserAdmin(In("worker"), In("wrong"), 0), s->SetUserAdmin(In("nobody"), In(""), 0)}) {
     EXPECT_NE(status, 0);
@@ -135,58 +124,159 @@ TEST_F(SessionsTest, SetUserAdminAnswersAndChangesTheRole) {
   }
 }
 
-TEST_F(SessionsTest, NamedCountersAreSharedAndStepByOne) {
+TEST_F(SessionsTest, CountersAreSharedStepByOneAndRisePerBookOrTag) {
   Session b = connect();
-  EXPECT_EQ(counter(*s, "伝票番号", 0), 0);
-  EXPECT_EQ(counter(*s, "伝票番号", 1), 1);
-  EXPECT_EQ(counter(*s, "伝票番号", 1), 2);
-  EXPECT_EQ(counter(*b, "伝票番号", 0), 2);
-  EXPECT_EQ(counter(*b, "伝票番号", 2), 1);
-  EXPECT_EQ(counter(*s, "伝票番号", 0), 1);
-  EXPECT_EQ(counter(*s, "other", 0), 0);
-  int32_t value = -1;
-  EXPECT_NE(s->SetCounter(In("伝票番号"), 3, &value), 0);
-  EXPECT_EQ(counter(*s, "伝票番号", 0), 1);
-}
+  const std::tuple<Server*, const char*, int32_t, int32_t> steps[] = {
+      {s.get(), "伝票番号", 0, 0}, {s.get(), "伝票番号", 1, 1},    {s.get(), "伝票番号", 1, 2},
+      {b.get(), "伝票番号", 0, 2}, {b.get(), "伝票番号", 2, 1},    {s.get(), "伝票番号", 0, 1},
+      {s.get(), "other", 0, 0},    {s.get(), "伝票番号", 3, -100}, {s.get(), "伝票番号", 0, 1}};
+  for (const auto& [session, name, op, value] : steps) {
+    EXPECT_EQ(counter(*session, name, op), value) << name << " op " << op;
+  }
 
-TEST_F(SessionsTest, BookUpdateCountersRisePerBook) {
-  constexpr char kOther[] = "BOOK1123000002";
-  ASSERT_EQ(s->CreateBookDatabase(In(""), In(""), In(kBook)), 0);
-  ASSERT_EQ(s->CreateBookDatabase(In(""), In(""), In(kOther)), 0);
-  EXPECT_EQ(bookCounter(*s, kBook), 0);
+  createBook(kBook);
+  createBook(kOther);
+  EXPECT_EQ(bookCounter(kBook), 0);
   EXPECT_EQ(s->SetBookUpdateCounter(In(kBook)), 0);
   EXPECT_EQ(s->SetBookUpdateCounter(In(kBook)), 0);
-  EXPECT_EQ(bookCounter(*s, kBook), 2);
-  Session b = connect();
-  EXPECT_EQ(bookCounter(*b, kBook), 2);
-  EXPECT_EQ(bookCounter(*b, kOther), 0);
+  EXPECT_EQ(bookCounter(kBook), 2);
+  EXPECT_EQ(bookCounter(kOther), 0);
   EXPECT_NE(s->SetBookUpdateCounter(In("BOOK9999999999")), 0);
-  uint8_t block[16] = {};
-  int32_t value = -1;
-  EXPECT_NE(s->GetBookUpdateCounter(In("BOOK9999999999"), block, &value), 0);
-}
+  EXPECT_EQ(bookCounter("BOOK9999999999"), -100);
 
-TEST_F(SessionsTest, TagUpdateCounterRaisesThePageRowsCounter) {
-  ASSERT_EQ(s->CreateBookDatabase(In(""), In(""), In(kBook)), 0);
   const int32_t tag =
       addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "t"), field("Up_DateCounter", 1, "5")});
   const int32_t fresh = addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "u")});
-  uint8_t block[16] = {};
-  int32_t value = -1;
-  EXPECT_EQ(s->TagUpdateCounter(In(kBook), tag, 0, block, &value), 0);
-  EXPECT_EQ(value, 5);
-  EXPECT_EQ(s->TagUpdateCounter(In(kBook), tag, 1, block, &value), 0);
-  EXPECT_EQ(value, 6);
-  value = -1;
-  EXPECT_EQ(s->TagUpdateCounter(In(kBook), tag, 0, block, &value), 0);
-  EXPECT_EQ(value, 6);
-  EXPECT_EQ(s->TagUpdateCounter(In(kBook), fresh, 1, block, &value), 0);
-  EXPECT_EQ(value, 1);
+  EXPECT_EQ(tagCounter(tag, 0), 5);
+  EXPECT_EQ(tagCounter(tag, 1), 6);
+  EXPECT_EQ(tagCounter(tag, 0), 6);
+  EXPECT_EQ(tagCounter(fresh, 1), 1);
+  EXPECT_EQ(column(*s, kBook, "SELECT * FROM TagPageTBL ORDER BY T_Index", "Up_DateCounter"),
+            "6 1");
+  EXPECT_EQ(tagCounter(9999, 0), -100);
+  EXPECT_EQ(tagCounter(9999, 1), -100);
+}
 
-  const auto rows = select(*s, kBook, "SELECT * FROM TagPageTBL ORDER BY T_Index");
-  EXPECT_THAT(column(rows, "Up_DateCounter"), ElementsAre("6", "1"));
-  EXPECT_NE(s->TagUpdateCounter(In(kBook), 9999, 0, block, &value), 0);
-  EXPECT_NE(s->TagUpdateCounter(In(kBook), 9999, 1, block, &value), 0);
+TEST_F(SessionsTest, CreateBookDatabaseRefusesTakenNamesAndUnknownTemplates) {
+  createBook(kBook);
+  addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "kept")});
+  EXPECT_NE(s->CreateBookDatabase(In(""), In(""), In(kBook)), 0);
+  EXPECT_THAT(lastError(*s), Not(IsEmpty()));
+  EXPECT_EQ(tags(kBook), "kept");
+  EXPECT_NE(s->CreateBookDatabase(In("ない雛形"), In(""), In(kOther)), 0);
+  EXPECT_EQ(exists(kOther), mv::kStatusMissingDatabase);
+  for (const char* bad : {"", "_hidden", "../escape", "a/b"}) {
+    EXPECT_NE(s->CreateBookDatabase(In(""), In(""), In(bad)), 0) << bad;
+  }
+  createBook(kOther, "標準");
+  EXPECT_EQ(tags(kOther), "");
+
+  // Sessions that make the same book at the same moment: exactly one of them gets it.
+  for (int round = 0; round < 5; ++round) {
+    const std::string name = "BOOK11230100" + std::to_string(10 + round);
+    std::vector<Session> sessions;
+    std::vector<int32_t> results(6, -1);
+    for (int i = 0; i < 6; ++i) sessions.push_back(connect());
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < 6; ++i) {
+      threads.emplace_back(
+          [&, i] { results[i] = sessions[i]->CreateBookDatabase(In(""), In(""), In(name)); });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(std::count(results.begin(), results.end(), 0), 1) << name;
+    EXPECT_EQ(exists(name), 0);
+  }
+}
+
+TEST_F(SessionsTest, CopyDatabaseCopiesRowsAndBlobsAndRefusesATakenName) {
+  createBook(kBook);
+  addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "a")});
+  addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "b")});
+  const int32_t image = addRow(*s, kBook, "ImageDataTBL", {field("TagID", 1, "1")});
+  const auto data = pattern(400000, 11);
+  ASSERT_EQ(upload(*s, kBook, open(*s, kBook, "ImageDataTBL").handle, image, "RealityData", data),
+            0);
+  ASSERT_EQ(s->CopyDatabase(In(kBook), In(""), In(kOther), In(""), 0), 0) << lastError(*s);
+  EXPECT_EQ(tags(kOther), "a b");
+  EXPECT_TRUE(sameBytes(storedBlob(*s, kOther, "ImageDataTBL", image), data));
+  // The copy goes its own way.
+  addRow(*s, kOther, "TagPageTBL", {field("TagName", 2, "copy only")});
+  EXPECT_EQ(tags(kBook), "a b");
+  EXPECT_NE(s->CopyDatabase(In(kBook), In(""), In(kOther), In(""), 0), 0);
+  EXPECT_EQ(tags(kOther), "a b copy only");
+  EXPECT_NE(s->CopyDatabase(In("BOOK9999999999"), In(""), In("BOOK9999999998"), In(""), 0), 0);
+  EXPECT_EQ(exists("BOOK9999999998"), mv::kStatusMissingDatabase);
+}
+
+TEST_F(SessionsTest, DeleteDatabaseWaitsUntilNoOtherSessionHasTheBookOpen) {
+  createBook(kBook);
+  addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "old")});
+  Session other = connect();
+  int32_t out = 0;
+  ASSERT_EQ(other->OpenDatabase(In(kBook), mv::kOpenForWork, &out), 0);
+  EXPECT_NE(s->DeleteDatabase(In(kBook), In("")), 0);
+  EXPECT_THAT(lastError(*s), Not(IsEmpty()));
+  EXPECT_EQ(exists(kBook), 0);
+  EXPECT_EQ(other->CloseDatabase(In(kBook)), 0);
+  EXPECT_EQ(s->DeleteDatabase(In(kBook), In("")), 0) << lastError(*s);
+  EXPECT_EQ(exists(kBook), mv::kStatusMissingDatabase);
+  EXPECT_NE(s->DeleteDatabase(In(kBook), In("")), 0);
+  // A book made again under the name starts empty.
+  createBook(kBook);
+  EXPECT_EQ(tags(kBook), "");
+  // The deleting session's own hold does not stand in its way; a session's end frees its hold.
+  ASSERT_EQ(s->OpenDatabase(In(kBook), mv::kOpenForWork, &out), 0);
+  ASSERT_EQ(other->OpenDatabase(In(kBook), mv::kOpenHeld, &out), 0);
+  EXPECT_NE(s->DeleteDatabase(In(kBook), In("")), 0);
+  other.reset();
+  EXPECT_EQ(s->DeleteDatabase(In(kBook), In("")), 0) << lastError(*s);
+  EXPECT_EQ(exists(kBook), mv::kStatusMissingDatabase);
+}
+
+TEST_F(SessionsTest, TemplatesAreListedAddedUsedDeletedAndReversionedByPosition) {
+  const auto list = [&] {
+    mv::Variant infos, names, versions;
+    EXPECT_EQ(s->GetOrgBookDBInfo(infos.get(), names.get(), versions.get()), 0);
+    std::string out;
+    const auto i = texts(*infos.get()), n = texts(*names.get());
+    const auto v = ints(*versions.get());
+    EXPECT_EQ(i.size(), n.size());
+    EXPECT_EQ(v.size(), n.size());
+    for (std::size_t k = 0; k < std::min({i.size(), n.size(), v.size()}); ++k) {
+      out += (k ? " " : "") + n[k] + "/" + std::to_string(v[k]) + (k ? "/" + i[k] : "");
+    }
+    return out;
+  };
+  EXPECT_EQ(list(), "標準/4");
+  createBook(kBook);
+  addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "雛形の頁")});
+  ASSERT_EQ(s->AddOrgBookDB(In("空"), In("空のブック"), In(""), 5), 0) << lastError(*s);
+  ASSERT_EQ(s->AddOrgBookDB(In("写し"), In("既存から"), In(kBook), 6), 0) << lastError(*s);
+  EXPECT_EQ(list(), "標準/4 空/5/空のブック 写し/6/既存から");
+  createBook("BOOK2", "空");
+  EXPECT_EQ(s->CheckTBL(In("BOOK2"), In("ImageDataTBL")), mv::kStatusTableExists);
+  EXPECT_EQ(tags("BOOK2"), "");
+  // A template is a copy: later changes to its source do not reach it.
+  addRow(*s, kBook, "TagPageTBL", {field("TagName", 2, "後から")});
+  createBook("BOOK3", "写し");
+  EXPECT_EQ(tags("BOOK3"), "雛形の頁");
+  EXPECT_NE(s->AddOrgBookDB(In("空"), In("二つ目"), In(""), 7), 0);
+  EXPECT_NE(s->AddOrgBookDB(In("無い元"), In(""), In("BOOK9999999999"), 7), 0);
+  EXPECT_NE(s->AddOrgBookDB(In(""), In(""), In(""), 7), 0);
+
+  EXPECT_EQ(s->RenameOrgBookDB(2, 9), 0) << lastError(*s);
+  EXPECT_EQ(s->DeleteOrgBookDB(1), 0) << lastError(*s);
+  EXPECT_EQ(list(), "標準/4 写し/9/既存から");
+  EXPECT_NE(s->CreateBookDatabase(In("空"), In(""), In("BOOK4")), 0);
+  EXPECT_EQ(exists("BOOK2"), 0);
+  for (const int32_t status : {s->DeleteOrgBookDB(2), s->DeleteOrgBookDB(-1),
+                               s->RenameOrgBookDB(2, 1), s->RenameOrgBookDB(-1, 1)}) {
+    EXPECT_NE(status, 0);
+  }
+  // A restart keeps the templates, without a second standard one.
+  reopen();
+  EXPECT_EQ(list(), "標準/4 写し/9/既存から");
+  createBook("BOOK5", "写し");
 }
 
 }  // namespace
