@@ -315,6 +315,7 @@ TEST_P(BooksEndToEnd, SearchesFindEverySubjectTheJoinsAndThePeriodsThatOverlapTh
   EXPECT_THAT(simple(1, "Harbour", 1), IsEmpty());
   EXPECT_THAT(simple(1, "O'Neill", 0), ElementsAre("O'Neill's bridge"));
   EXPECT_THAT(simple(2, "City office", 1), ElementsAre("O'Neill's bridge"));
+  EXPECT_THAT(simple(2, "authority", 0), ElementsAre("Harbour wall"));
   EXPECT_THAT(simple(4, "Ito", 1), ElementsAre("O'Neill's bridge"));
   EXPECT_THAT(simple(8, "20240930", 1), ElementsAre("Harbour wall"));  // either end of the works
   EXPECT_THAT(simple(8, "2023", 0), ElementsAre("O'Neill's bridge"));

@@ -217,6 +217,15 @@ TEST_F(UsersTest, GetAdminCutsTheNameToItsFieldAndUserInfoTellsUnknownFromFailed
 }
 
 TEST_F(UsersTest, ForwardedCallsGiveTheirAnswers) {
+  // A list opens and closes the system database when it is not held.
+  mv::connection().systemDbHeld = 0;
+  UserRec* list = nullptr;
+  int32_t count = -1;
+  ASSERT_EQ(MVGetUserList(&list, &count), 0);
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(MVGlobalFree(MVGlobalHandle(list)), nullptr);
+  EXPECT_EQ(server->methods().front() + " " + server->methods().back(),
+            "OpenDatabase CloseDatabase");
   // SetUserAdmin: status 3 and 4 are answers, anything else a failure.
   const int32_t answers[][3] = {{0, 0, 9}, {3, 1, 1}, {4, 2, 0}};
   int32_t state = 9;
