@@ -1,64 +1,34 @@
-// The two ways the book tests run the exports: against a recording server with the system
-// database held (exact calls, injected failures), and end to end against a real server (in this
-// process and through a daemon, each on a fresh data folder) with the system database held. Both
-// speak UTF-8 at the boundary and catch the library's message boxes.
+// What the book tests share: covers, and the library's message boxes caught as UTF-8 texts.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "MVCore.h"
-#include "frame/IBookServer.h"
-#include "live_server.h"
-#include "server_fixture.h"
+#include "platform/codepage.h"
 
 namespace mvtest {
 
 // A cover with the given texts; the rest empty, the colour 0.
-CoverInfo makeCover(const std::string& siteName, const std::string& startDate = "",
-                    const std::string& endDate = "");
+inline CoverInfo makeCover(const std::string& siteName, const std::string& startDate = "",
+                           const std::string& endDate = "") {
+  CoverInfo cover{};
+  mv::copyToField(cover.SiteName, sizeof cover.SiteName, siteName);
+  mv::copyToField(cover.StartDate, sizeof cover.StartDate, startDate);
+  mv::copyToField(cover.EndDate, sizeof cover.EndDate, endDate);
+  return cover;
+}
 
-class BooksRecorded : public ServerFixture {
- protected:
-  void SetUp() override;
-  void TearDown() override;
-
-  // One row of BookShelfTBL / of UserInfoTBL / of BookCommonTBL with a few columns.
-  static std::vector<std::string> shelfRow(int id, int attribute, const std::string& name);
-  static std::vector<std::string> userRow(int id, const std::string& name, int attribute);
-  static std::vector<std::string> coverRow(int id, const std::string& bookName);
-
-  RecordingServer* server = nullptr;
-  std::vector<std::string> shown;
-};
-
-class BooksEndToEnd : public LiveServerTest {
- protected:
-  void SetUp() override;
-  void TearDown() override;
-
-  // A shelf made by the administrator.
-  int32_t shelf(const char* name);
-  // Runs `make`, which makes or copies books, in a second of its own: a book's database is named
-  // after the second it is made in.
-  int inOwnSecond(const std::function<int()>& make);
-  // A book made on a shelf; `cover` comes back as the library changed it.
-  int32_t book(const char* shelfName, CoverInfo& cover);
-  // A book's central cover and link, without its own database: enough for lists and searches.
-  int32_t bookRows(int32_t shelfId, const CoverInfo& cover);
-  // Which of a book's four pieces exist: "database, book row, central row, shelf N".
-  std::string pieces(int32_t bookId, const char* dbName);
-  // The shelves' names / the site names of a shelf's books, in the order the library lists them.
-  std::vector<std::string> shelfNames();
-  std::vector<std::string> booksOn(int32_t shelfId);
-
-  // A second client of the same server.
-  mv::IBookServer* otherClient();
-
-  std::vector<std::string> shown;
-};
+// Speaks UTF-8 and collects the message boxes in `shown` until the end of the test.
+inline void catchMessages(std::vector<std::string>* shown) {
+  MVSetCodePage("UTF-8");
+  MVSetMessageHandler([](const char* text, const char*,
+                         void* to) { static_cast<std::vector<std::string>*>(to)->push_back(text); },
+                      shown);
+}
+inline void releaseMessages() {
+  MVSetMessageHandler(nullptr, nullptr);
+  MVSetCodePage("CP932");
+}
 
 }  // namespace mvtest

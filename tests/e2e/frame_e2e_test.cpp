@@ -1,8 +1,10 @@
-// The frame's exports end to end against a real server: the one in this process and a daemon on
-// loopback, each on a fresh data folder of the test's own.
+// The frame's exports against a real server, the one in this process and a daemon on loopback,
+// and a daemon that dies under its client: calls fail promptly, nothing hangs, and the data
+// folder is whole when the daemon starts again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 
 #include "MVCore.h"
@@ -14,92 +16,111 @@
 
 namespace {
 
+constexpr char kSys[] = "MarvekSystemCommonDB";
+using Clock = std::chrono::steady_clock;
+
 class FrameEndToEnd : public mvtest::LiveServerTest {
  protected:
-  void SetUp() override {
-    LiveServerTest::SetUp();
-    server_ = mv::connection().currentServer;
-  }
-
+  mv::IBookServer& server() { return *mv::connection().currentServer; }
   std::string lastErrorText() {
     char text[260] = "";
     MVGetLastError(text);
     return text;
   }
-
-  // A new book database from the default template.
   void makeBook(const char* name) {
-    ASSERT_EQ(server_->CreateBookDatabase(mv::toWide("").get(), mv::toWide("").get(),
+    ASSERT_EQ(server().CreateBookDatabase(mv::toWide("").get(), mv::toWide("").get(),
                                           mv::toWide(name).get()),
               0);
   }
-
-  // Adds a row through an OpenTable handle; its new T_Index.
-  int32_t addRow(const char* db, const char* table, const char* name, const char* value) {
+  // Adds a row through an open handle; its new T_Index.
+  int32_t addRow(const char* db, const std::string& handle, const char* column,
+                 const std::string& value) {
+    mv::RecordWriter record(handle, 2);
+    record.putInt(1, "T_Index", mv::kTypeInt, 0);
+    record.putText(2, column, mv::kTypeVarchar, value);
+    int32_t index = 0;
+    EXPECT_EQ(server().AddRecord(mv::toWide(db).get(), record.get(), 1, &index), 0);
+    return index;
+  }
+  int32_t addRow(const char* db, const char* table, const char* column, const std::string& value) {
     std::string handle;
     int32_t rows = 0;
     EXPECT_EQ(mv::openWorkTable(db, table, &rows, handle), 1);
-    mv::RecordWriter record(handle, 2);
-    record.putInt(1, "T_Index", mv::kTypeInt, 0);
-    record.putText(2, name, mv::kTypeVarchar, value);
-    int32_t index = 0;
-    EXPECT_EQ(server_->AddRecord(mv::toWide(db).get(), record.get(), 1, &index), 0);
+    const int32_t index = addRow(db, handle, column, value);
     EXPECT_EQ(mv::closeWorkTable(db, handle, 0), 1);
     return index;
   }
-
-  mv::IBookServer* server_ = nullptr;
+  int32_t countRows(const char* db, const char* table) {
+    std::string handle;
+    int32_t rows = -1;
+    EXPECT_EQ(mv::openWorkTable(db, table, &rows, handle), 1);
+    EXPECT_EQ(mv::closeWorkTable(db, handle, 0), 1);
+    return rows;
+  }
+  // The text of `column` in the first row of a table opened by MVOpenTBL.
+  std::string firstRow(const char* table, const char* column) {
+    int32_t rows = 0, status = -1;
+    char handle[260] = "";
+    EXPECT_EQ(MVOpenTBL(kSys, table, 0, &rows, handle), 0);
+    mv::Row row;
+    EXPECT_TRUE(
+        mv::fetchRow(server(), mv::toWide(kSys).get(), mv::toWide(handle).get(), 0, row, status));
+    EXPECT_EQ(MVCloseTBL(kSys, handle), 0);
+    EXPECT_EQ(MVCloseTBL(kSys, handle), -1);  // the handle is gone
+    const mv::RowField* field = mv::findField(row, column);
+    return std::to_string(rows) + " " + (field ? field->value : "none");
+  }
+  // The blob of the rows of ImageDataTBL `where` selects; the download's status.
+  int32_t download(const char* db, const std::string& where, std::vector<uint8_t>* into) {
+    int32_t found = 0;
+    mv::Bstr h;
+    const std::string sql = "SELECT * FROM ImageDataTBL " + where;
+    EXPECT_EQ(server().OpenTableEx(mv::toWide(db).get(), mv::toWide("ImageDataTBL").get(),
+                                   mv::toWide(sql).get(), 1, &found, h.out()),
+              0);
+    const mv::DownloadResult down =
+        mv::downloadBlocks(server(), mv::toWide(db).get(), h.get(), mv::toWide("RealityData").get(),
+                           [&](const uint8_t* data, std::size_t size) {
+                             into->insert(into->end(), data, data + size);
+                             return true;
+                           });
+    EXPECT_EQ(server().CloseTable(mv::toWide(db).get(), h.get()), 0);
+    return down.status;
+  }
+  // After the daemon died: the link reports the loss, and leaving still works.
+  void expectLinkLost(Clock::time_point killedAt) {
+    EXPECT_LT(Clock::now() - killedAt, std::chrono::seconds(5));
+    EXPECT_EQ(MVConnectCheck(), -1);
+    EXPECT_NE(mv::connection().lastError, 0);
+    EXPECT_EQ(MVExit(), 0);
+    restartDaemon();
+    ASSERT_EQ(MVInit(host().c_str()), 0);
+  }
 };
-
 MVCORE_ON_BOTH_SERVERS(FrameEndToEnd);
 
-TEST_P(FrameEndToEnd, AFreshFolderServesTheSystemDatabaseAndItsTables) {
-  ASSERT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
+TEST_P(FrameEndToEnd, AFreshFolderServesTheSystemDatabaseAndReportsWhatIsMissing) {
+  ASSERT_EQ(MVOpenDB(kSys), 0);
   EXPECT_EQ(mv::connection().systemDbHeld, 1);
-  EXPECT_EQ(MVCheckTBL("MarvekSystemCommonDB", "UserInfoTBL"), 1);
-  EXPECT_EQ(MVCheckTBL("MarvekSystemCommonDB", "ViewAttributeTBL"), 0);  // made on first use
-
-  int32_t rows = 0;
-  char handle[260] = "";
-  ASSERT_EQ(MVOpenTBL("MarvekSystemCommonDB", "UserInfoTBL", 0, &rows, handle), 0);
-  EXPECT_EQ(rows, 1);
-  mv::Row row;
-  int32_t status = -1;
-  ASSERT_TRUE(mv::fetchRow(*server_, mv::toWide("MarvekSystemCommonDB").get(),
-                           mv::toWide(handle).get(), 0, row, status));
-  constexpr mv::FieldBinding kUser[] = {MV_INT_FIELD(UserRec, tIndex, "T_Index"),
-                                        MV_TEXT_FIELD(UserRec, userName, "UserName"),
-                                        MV_TEXT_FIELD(UserRec, password, "Password"),
-                                        MV_INT_FIELD(UserRec, userAttribute, "UserAttribute")};
-  UserRec user{};
-  user.userAttribute = -1;
-  mv::bindRow(row, kUser, &user);
-  EXPECT_GT(user.tIndex, 0);
-  EXPECT_STREQ(user.userName, "admin");
-  EXPECT_EQ(user.userAttribute, 0);
-  EXPECT_EQ(MVCloseTBL("MarvekSystemCommonDB", handle), 0);
-  EXPECT_EQ(MVCloseTBL("MarvekSystemCommonDB", handle), -1);  // the handle is gone
+  EXPECT_EQ(MVCheckTBL(kSys, "UserInfoTBL"), 1);
+  EXPECT_EQ(MVCheckTBL(kSys, "ViewAttributeTBL"), 0);  // made on first use
+  EXPECT_EQ(firstRow("UserInfoTBL", "UserName"), "1 admin");
   EXPECT_NE(mv::connection().lastError, 0);
   EXPECT_FALSE(lastErrorText().empty());
-  EXPECT_EQ(MVCloseDB("MarvekSystemCommonDB"), 0);
-}
+  EXPECT_EQ(MVCloseDB(kSys), 0);
 
-TEST_P(FrameEndToEnd, AMissingDatabaseIsReportedWithTheServersCodeAndText) {
   EXPECT_EQ(MVOpenDBEx("BOOK9999999999"), -1);
   EXPECT_EQ(mv::connection().lastError, 0x8A);
   EXPECT_EQ(mv::connection().bookDbHeld, 0);
   EXPECT_THAT(lastErrorText(), ::testing::HasSubstr("BOOK9999999999"));
   int32_t rows = 0;
   char handle[260] = "";
-  EXPECT_EQ(MVOpenTBL("MarvekSystemCommonDB", "NoSuchTBL", 0, &rows, handle), -1);
+  EXPECT_EQ(MVOpenTBL(kSys, "NoSuchTBL", 0, &rows, handle), -1);
   EXPECT_NE(mv::connection().lastError, 0);
   EXPECT_EQ(MVDeleteDB("BOOK9999999999"), -1);
-}
 
-TEST_P(FrameEndToEnd, ABookIsHeldOpenedForImagesAndDeleted) {
-  makeBook("BOOK1123000001");
+  makeBook("BOOK1123000001");  // held, opened for images and deleted
   ASSERT_EQ(MVOpenDBEx("BOOK1123000001"), 0);
-  char handle[260] = "";
   ASSERT_EQ(MVOpenTBLEx(0, "BOOK1123000001", handle), 0);
   EXPECT_NE(handle[0], '\0');
   ASSERT_EQ(MVOpenTBLEx(1, "BOOK1123000001", handle), 0);
@@ -109,88 +130,25 @@ TEST_P(FrameEndToEnd, ABookIsHeldOpenedForImagesAndDeleted) {
   EXPECT_EQ(MVOpenDBEx("BOOK1123000001"), -1);
 }
 
-// 工事名A, B, C in CP932.
-constexpr char kNameA[] =
-    "\x8D\x48\x8E\x96\x96\xBC"
-    "A";
-constexpr char kNameB[] =
-    "\x8D\x48\x8E\x96\x96\xBC"
-    "B";
-constexpr char kNameC[] =
-    "\x8D\x48\x8E\x96\x96\xBC"
-    "C";
-
 TEST_P(FrameEndToEnd, RecordDeleteRemovesRowsThroughOneHandle) {
-  ASSERT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
-  const int32_t a = addRow("MarvekSystemCommonDB", "CommonTBL", "DataName", kNameA);
-  const int32_t b = addRow("MarvekSystemCommonDB", "CommonTBL", "DataName", kNameB);
-  const int32_t c = addRow("MarvekSystemCommonDB", "CommonTBL", "DataName", kNameC);
+  ASSERT_EQ(MVOpenDB(kSys), 0);
+  const std::string name = "\x8D\x48\x8E\x96\x96\xBC";  // 工事名 in CP932
+  const int32_t a = addRow(kSys, "CommonTBL", "DataName", name + "A");
+  const int32_t b = addRow(kSys, "CommonTBL", "DataName", name + "B");
+  const int32_t c = addRow(kSys, "CommonTBL", "DataName", name + "C");
   EXPECT_LT(a, b);
-  ASSERT_EQ(MVRecordDelete("MarvekSystemCommonDB", "CommonTBL", 0, 1), 0);
-  EXPECT_EQ(MVRecordDelete("MarvekSystemCommonDB", "CommonTBL", a, 0), 0);
-  EXPECT_EQ(MVRecordDelete("MarvekSystemCommonDB", "CommonTBL", c, 0), 0);
-  EXPECT_EQ(MVRecordDelete("MarvekSystemCommonDB", "CommonTBL", 0, 2), 0);
-  int32_t rows = 0;
-  char handle[260] = "";
-  ASSERT_EQ(MVOpenTBL("MarvekSystemCommonDB", "CommonTBL", 0, &rows, handle), 0);
-  EXPECT_EQ(rows, 1);
-  mv::Row row;
-  int32_t status = 0;
-  ASSERT_TRUE(mv::fetchRow(*server_, mv::toWide("MarvekSystemCommonDB").get(),
-                           mv::toWide(handle).get(), 0, row, status));
-  ASSERT_NE(mv::findField(row, "DataName"), nullptr);
-  EXPECT_EQ(mv::findField(row, "DataName")->value, kNameB);
-  EXPECT_EQ(MVCloseTBL("MarvekSystemCommonDB", handle), 0);
-
+  ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", 0, 1), 0);
+  EXPECT_EQ(MVRecordDelete(kSys, "CommonTBL", a, 0), 0);
+  EXPECT_EQ(MVRecordDelete(kSys, "CommonTBL", c, 0), 0);
+  EXPECT_EQ(MVRecordDelete(kSys, "CommonTBL", 0, 2), 0);
+  EXPECT_EQ(firstRow("CommonTBL", "DataName"), "1 " + name + "B");
   // A row that is not there fails the delete and closes the handle at once.
-  ASSERT_EQ(MVRecordDelete("MarvekSystemCommonDB", "CommonTBL", 0, 1), 0);
-  EXPECT_EQ(MVRecordDelete("MarvekSystemCommonDB", "CommonTBL", a, 0), -1);
+  ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", 0, 1), 0);
+  EXPECT_EQ(MVRecordDelete(kSys, "CommonTBL", a, 0), -1);
   EXPECT_NE(mv::connection().lastError, 0);
 }
 
-TEST_P(FrameEndToEnd, BlobsGoUpAndComeBackByteForByte) {
-  makeBook("BOOK1123000002");
-  const int32_t row = addRow("BOOK1123000002", "ImageDataTBL", "ImageDataInfo", "a.png");
-  std::string handle;
-  int32_t rows = 0;
-  ASSERT_EQ(mv::openWorkTable("BOOK1123000002", "ImageDataTBL", &rows, handle), 1);
-  std::vector<uint8_t> bytes(3 * mv::kBlockSize + 123);
-  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 31 + 7);
-  std::size_t offset = 0;
-  mv::BlockRecord record("BOOK1123000002", handle, row, "RealityData");
-  const mv::UploadResult up =
-      mv::uploadBlocks(*server_, record.get(), mv::UploadForm::Insert,
-                       [&](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
-                         const std::size_t n = std::min(size, bytes.size() - offset);
-                         std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), n, data);
-                         offset += n;
-                         return static_cast<std::ptrdiff_t>(n);
-                       });
-  EXPECT_EQ(up.status, 0);
-  EXPECT_EQ(up.calls, 4);
-  ASSERT_EQ(mv::closeWorkTable("BOOK1123000002", handle, 0), 1);
-
-  int32_t count = 0;
-  mv::Bstr h;
-  ASSERT_EQ(
-      server_->OpenTableEx(
-          mv::toWide("BOOK1123000002").get(), mv::toWide("ImageDataTBL").get(),
-          mv::toWide("SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(row)).get(), 1,
-          &count, h.out()),
-      0);
-  std::vector<uint8_t> back;
-  const mv::DownloadResult down = mv::downloadBlocks(*server_, mv::toWide("BOOK1123000002").get(),
-                                                     h.get(), mv::toWide("RealityData").get(),
-                                                     [&](const uint8_t* data, std::size_t size) {
-                                                       back.insert(back.end(), data, data + size);
-                                                       return true;
-                                                     });
-  EXPECT_EQ(down.status, 0);
-  EXPECT_EQ(back, bytes);
-  EXPECT_EQ(server_->CloseTable(mv::toWide("BOOK1123000002").get(), h.get()), 0);
-}
-
-TEST_P(FrameEndToEnd, ConnectionQueriesAnswerFromTheRealServer) {
+TEST_P(FrameEndToEnd, ConnectionQueriesAnswerFromTheRealServerAndExitReleasesTheFolder) {
   EXPECT_EQ(MVConnectCheck(), 0);
   int32_t first = -1, second = -1, fourth = -1;
   EXPECT_EQ(MVGetOption(&first, &second, nullptr, &fourth), 0);
@@ -205,16 +163,94 @@ TEST_P(FrameEndToEnd, ConnectionQueriesAnswerFromTheRealServer) {
   EXPECT_EQ(MVSetMutex("BOOK1123000003", 2), 0);
   EXPECT_EQ(MVSetMutex("BOOK1123000003", 2), 2);  // not held any more
   EXPECT_EQ(MVSetMutex("x", 9), -1);
-}
-
-TEST_P(FrameEndToEnd, ExitReleasesTheFolderForTheNextRun) {
   ASSERT_EQ(MVExit(), 0);
   ASSERT_EQ(MVInit(host().c_str()), 0);
-  EXPECT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
-  // Two links of one process to the same server.
-  ASSERT_EQ(MVChangeServer(host().c_str()), 0);
+  EXPECT_EQ(MVOpenDB(kSys), 0);
+  ASSERT_EQ(MVChangeServer(host().c_str()), 0);  // two links of one process to one server
   EXPECT_EQ(MVConnectCheck(), 0);
   EXPECT_EQ(MVResetServer(), 0);
+}
+
+TEST_P(FrameEndToEnd, BlobsGoUpAndComeBackByteForByte) {
+  makeBook("BOOK1123000002");
+  std::string handle;
+  int32_t rows = 0;
+  ASSERT_EQ(mv::openWorkTable("BOOK1123000002", "ImageDataTBL", &rows, handle), 1);
+  const int32_t row = addRow("BOOK1123000002", handle, "ImageDataInfo", "a.png");
+  std::vector<uint8_t> bytes(3 * mv::kBlockSize + 123), back;
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 31 + 7);
+  std::size_t offset = 0;
+  mv::BlockRecord record("BOOK1123000002", handle, row, "RealityData");
+  const mv::UploadResult up =
+      mv::uploadBlocks(server(), record.get(), mv::UploadForm::Insert,
+                       [&](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
+                         const std::size_t n = std::min(size, bytes.size() - offset);
+                         std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), n, data);
+                         offset += n;
+                         return static_cast<std::ptrdiff_t>(n);
+                       });
+  EXPECT_EQ(up.status, 0);
+  EXPECT_EQ(up.calls, 4);
+  ASSERT_EQ(mv::closeWorkTable("BOOK1123000002", handle, 0), 1);
+  EXPECT_EQ(download("BOOK1123000002", "WHERE T_Index = " + std::to_string(row), &back), 0);
+  EXPECT_EQ(back, bytes);
+}
+
+TEST_P(FrameEndToEnd, ADaemonKilledDuringAListingOrAnUploadFailsItPromptlyAndKeepsItsData) {
+  if (!remote()) GTEST_SKIP() << "only a daemon can die under its client";
+  constexpr int kRows = 1500;
+  std::string handle;
+  int32_t rows = 0;
+  ASSERT_EQ(mv::openWorkTable(kSys, "CommonTBL", &rows, handle), 1);
+  for (int i = 0; i < kRows; ++i) addRow(kSys, handle, "DataName", "name" + std::to_string(i));
+  ASSERT_EQ(mv::closeWorkTable(kSys, handle, 0), 1);
+  ASSERT_EQ(mv::openWorkTable(kSys, "CommonTBL", &rows, handle), 1);
+  ASSERT_EQ(rows, kRows);
+  int fetched = 0;
+  int32_t status = 0;
+  Clock::time_point killedAt;
+  for (int i = 0; i < kRows; ++i) {
+    if (i == 300) {
+      killDaemon();
+      killedAt = Clock::now();
+    }
+    mv::Row fetchedRow;
+    if (!mv::fetchRow(server(), mv::toWide(kSys).get(), mv::toWide(handle).get(), i, fetchedRow,
+                      status)) {
+      break;
+    }
+    ++fetched;
+  }
+  EXPECT_GE(fetched, 300);
+  EXPECT_LT(fetched, kRows);
+  EXPECT_NE(status, 0);
+  expectLinkLost(killedAt);
+  EXPECT_EQ(countRows(kSys, "CommonTBL"), kRows);
+
+  constexpr char kBook[] = "BOOK1123000101";
+  makeBook(kBook);
+  ASSERT_EQ(mv::openWorkTable(kBook, "ImageDataTBL", &rows, handle), 1);
+  const int32_t row = addRow(kBook, handle, "ImageDataInfo", "a.png");
+  int reads = 0;
+  mv::BlockRecord record(kBook, handle, row, "RealityData");
+  const mv::UploadResult r =
+      mv::uploadBlocks(server(), record.get(), mv::UploadForm::Insert,
+                       [&](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
+                         if (++reads == 3) {
+                           killDaemon();
+                           killedAt = Clock::now();
+                         }
+                         std::fill_n(data, size, static_cast<uint8_t>(reads));
+                         return reads < 10 ? static_cast<std::ptrdiff_t>(size) : 0;
+                       });
+  EXPECT_NE(r.status, 0);
+  EXPECT_EQ(r.calls, 3);  // the first call after the kill fails, and the loop stops there
+  expectLinkLost(killedAt);
+  EXPECT_EQ(countRows(kBook, "ImageDataTBL"), 1);
+  std::vector<uint8_t> bytes;  // the upload never finished: the row keeps no bytes of it
+  EXPECT_EQ(download(kBook, "", &bytes), 0);
+  EXPECT_TRUE(bytes.empty());
+  EXPECT_EQ(countRows(kSys, "UserInfoTBL"), 1);
 }
 
 }  // namespace
