@@ -4,7 +4,9 @@
 // null pointers stay null). The table drives the test: a method added to it is covered here.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -13,6 +15,7 @@
 #include "rpc/convert.h"
 #include "rpc/daemon.h"
 #include "rpc/remote_book_server.h"
+#include "server/core/book_server.h"
 #include "server/core/server_core.h"
 #include "temp_folder.h"
 #include "utf8.h"
@@ -183,7 +186,9 @@ struct CallArgs {
   std::vector<mv::Variant> variants;
   std::vector<ArgRef> refs;
 
-  CallArgs(const ServerMethod& m, bool nulls)
+  // `text` gives the text arguments; by default each names its method and place.
+  CallArgs(const ServerMethod& m, bool nulls,
+           const std::function<std::string(std::size_t, ArgKind)>& text = {})
       : texts(m.args.size()),
         ints(m.args.size()),
         longs(m.args.size()),
@@ -196,8 +201,9 @@ struct CallArgs {
       switch (m.args[i]) {
         case ArgKind::Text:
         case ArgKind::Handle:
-          texts[i] = mv::Bstr(
-              utf16("in-" + std::to_string(m.number) + "-" + std::to_string(i) + "-テキスト"));
+          texts[i] = mv::Bstr(utf16(text ? text(i, m.args[i])
+                                         : "in-" + std::to_string(m.number) + "-" +
+                                               std::to_string(i) + "-テキスト"));
           refs.emplace_back(texts[i].get());
           break;
         case ArgKind::Int:
@@ -381,6 +387,41 @@ TEST_F(RoundTrip, NullPointersStayNullAtBothEnds) {
     EXPECT_EQ(sent.call(*proxy_, *m), 0);
     EXPECT_EQ(received(from, m->name), renderIn(*m, sent.refs));
   }
+}
+
+// The real server, given a null pointer for every pointer argument of every method, on a real
+// database, table and handle, answers a status and writes through none of them: a client can
+// send exactly that over the wire.
+TEST(NullPointers, TheServerAnswersEveryMethodWithoutWritingThroughThem) {
+  TempFolder folder("nulls");
+  std::string error;
+  auto core = mv::server::ServerCore::open(folder.path(), {}, error);
+  ASSERT_TRUE(core) << error;
+  auto* session = new mv::server::BookServer(core);
+  const mv::Bstr system(u"MarvekSystemCommonDB"), book(u"NullBook"), empty(u""),
+      table(u"UserInfoTBL");
+  ASSERT_EQ(session->CopyDatabase(system.get(), empty.get(), book.get(), empty.get(), 2), 0);
+  int32_t rows = 0;
+  mv::Bstr handle;
+  ASSERT_EQ(session->OpenTable(book.get(), table.get(), 0, &rows, handle.out()), 0);
+  const std::string handleText = utf8(handle.get());
+  const auto text = [&](std::size_t i, ArgKind kind) -> std::string {
+    if (kind == ArgKind::Handle) return handleText;
+    return i == 0 ? "NullBook" : i == 1 ? "UserInfoTBL" : "SELECT * FROM UserInfoTBL";
+  };
+  std::vector<const ServerMethod*> methods(mv::serverMethods().begin(), mv::serverMethods().end());
+  // Deleting the database goes last, so that every other method finds it.
+  std::stable_partition(methods.begin(), methods.end(), [](const ServerMethod* m) {
+    return (m->flags & mv::kForgetsAllRows) == 0;
+  });
+  for (const ServerMethod* m : methods) {
+    SCOPED_TRACE(m->name);
+    CallArgs sent(*m, true, text);
+    sent.call(*session, *m);
+    // Whatever the method answered, the session is whole and goes on.
+    EXPECT_EQ(session->ConnectCheck(), 0);
+  }
+  session->Release();
 }
 
 }  // namespace
