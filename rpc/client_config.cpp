@@ -8,7 +8,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "frame/connection.h"
+#include "frame/activation.h"
 
 namespace mv::rpc {
 

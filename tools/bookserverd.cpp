@@ -36,6 +36,7 @@
 #include <string>
 
 #include "rpc/daemon.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace {
 
@@ -103,7 +104,8 @@ int main(int argc, char** argv) {
   if (!options.admin.empty()) init.adminName = options.admin;
   if (!options.password.empty()) init.adminPassword = options.password;
   if (options.init) {
-    auto core = mv::server::ServerCore::open(options.data, init, error);
+    auto core =
+        mv::server::ServerCore::open(options.data, init, mv::server::openSqliteEngine, error);
     if (!core) {
       logToStderr(error);
       return 1;
@@ -150,7 +152,8 @@ int main(int argc, char** argv) {
     }
   }
 
-  serve.core = mv::server::ServerCore::open(options.data, init, error);
+  serve.core =
+      mv::server::ServerCore::open(options.data, init, mv::server::openSqliteEngine, error);
   if (!serve.core) {
     logToStderr(error);
     return 1;
