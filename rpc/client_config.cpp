@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "frame/connection.h"
+#include "frame/activation.h"
 #include "platform/ini.h"
 #include "platform/text.h"
 

@@ -35,6 +35,7 @@
 
 #include "platform/ini.h"
 #include "rpc/daemon.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace {
 
@@ -98,7 +99,8 @@ int main(int argc, char** argv) {
   if (!options.admin.empty()) init.adminName = options.admin;
   if (!options.password.empty()) init.adminPassword = options.password;
   if (options.init) {
-    auto core = mv::server::ServerCore::open(options.data, init, error);
+    auto core =
+        mv::server::ServerCore::open(options.data, init, mv::server::openSqliteEngine, error);
     if (!core) {
       logToStderr(error);
       return 1;
@@ -145,7 +147,8 @@ int main(int argc, char** argv) {
     }
   }
 
-  serve.core = mv::server::ServerCore::open(options.data, init, error);
+  serve.core =
+      mv::server::ServerCore::open(options.data, init, mv::server::openSqliteEngine, error);
   if (!serve.core) {
     logToStderr(error);
     return 1;

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "server/core/server_core.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ int main(int argc, char** argv) {
   if (command != "init" && command != "info") return usage();
   folder = mv::server::resolveDataFolder(folder);
   std::string error;
-  auto core = mv::server::ServerCore::open(folder, init, error);
+  auto core = mv::server::ServerCore::open(folder, init, mv::server::openSqliteEngine, error);
   if (!core) {
     std::fprintf(stderr, "mvbook: %s\n", error.c_str());
     return 1;

@@ -89,8 +89,12 @@ class BookServer final : public IBookServer {
 };
 
 // Makes a session with the embedded server of this process, starting that server on the first
-// call (in `folder`, or the default data folder when empty). Status 0 and a session with one
-// reference, or a failure status with nothing made.
+// call (in `folder`, or the default data folder when empty) over the engine `engine` makes; while
+// it runs, later calls for the same folder share it. Status 0 and a session with one reference,
+// or a failure status with nothing made.
+int32_t connectEmbedded(const std::string& folder, const EngineFactory& engine,
+                        IBookServer** server);
+// The same over the program's default engine (ServerCore::setDefaultEngine).
 int32_t connectEmbedded(const std::string& folder, IBookServer** server);
 
 }  // namespace mv::server

@@ -4,7 +4,6 @@
 #include <filesystem>
 
 #include "server/core/status.h"
-#include "server/sqlite/sqlite_engine.h"
 
 namespace mv::server {
 
@@ -56,6 +55,16 @@ Snapshot read(Database& db, const std::string& sql) {
 
 std::string text(const Value& v) { return v.kind == Value::Kind::Text ? v.text : std::string(); }
 
+struct DefaultEngine {
+  std::mutex mutex;
+  EngineFactory factory;
+};
+
+DefaultEngine& defaultEngine() {
+  static DefaultEngine engine;
+  return engine;
+}
+
 }  // namespace
 
 bool isClientDatabaseName(const std::string& name) {
@@ -64,8 +73,30 @@ bool isClientDatabaseName(const std::string& name) {
                      [](unsigned char c) { return std::isalnum(c) || c == '_' || c >= 0x80; });
 }
 
+EngineFactory ServerCore::setDefaultEngine(EngineFactory engine) {
+  DefaultEngine& d = defaultEngine();
+  std::lock_guard lock(d.mutex);
+  std::swap(d.factory, engine);
+  return engine;
+}
+
 std::shared_ptr<ServerCore> ServerCore::open(const std::string& folder, const InitOptions& init,
                                              std::string& error) {
+  EngineFactory engine;
+  {
+    DefaultEngine& d = defaultEngine();
+    std::lock_guard lock(d.mutex);
+    engine = d.factory;
+  }
+  return open(folder, init, engine, error);
+}
+
+std::shared_ptr<ServerCore> ServerCore::open(const std::string& folder, const InitOptions& init,
+                                             const EngineFactory& engine, std::string& error) {
+  if (!engine) {
+    error = "no storage engine";
+    return nullptr;
+  }
   std::shared_ptr<ServerCore> core(new ServerCore());
   core->folder_ = folder;
   core->lock_ = FolderLock::acquire(folder, error);
@@ -78,7 +109,8 @@ std::shared_ptr<ServerCore> ServerCore::open(const std::string& folder, const In
       return nullptr;
     }
   }
-  core->engine_ = std::make_unique<SqliteEngine>(folder + "/db");
+  core->engine_ = engine(folder + "/db", error);
+  if (!core->engine_) return nullptr;
   // Leftovers of uploads or carries that a stopped server did not finish.
   for (const auto& entry : stdfs::directory_iterator(folder + "/staging/uploads", ec)) {
     stdfs::remove(entry.path(), ec);

@@ -126,4 +126,10 @@ class StorageEngine {
   virtual std::string describe() = 0;
 };
 
+// Makes the engine of one data folder. `folder` is the data folder's db/, made before the call;
+// an engine that keeps its databases elsewhere may ignore it. nullptr with `error` when the
+// engine cannot be had.
+using EngineFactory =
+    std::function<std::unique_ptr<StorageEngine>(const std::string& folder, std::string& error)>;
+
 }  // namespace mv::server

@@ -728,4 +728,8 @@ std::vector<std::string> SqliteEngine::list() {
 
 std::string SqliteEngine::describe() { return std::string("SQLite ") + sqlite3_libversion(); }
 
+std::unique_ptr<StorageEngine> openSqliteEngine(const std::string& folder, std::string& /*error*/) {
+  return std::make_unique<SqliteEngine>(folder);
+}
+
 }  // namespace mv::server

@@ -38,4 +38,7 @@ class SqliteEngine final : public StorageEngine {
   std::map<std::string, std::shared_ptr<Database>, std::less<>> open_;
 };
 
+// The engine over `folder`, for ServerCore::open (an EngineFactory).
+std::unique_ptr<StorageEngine> openSqliteEngine(const std::string& folder, std::string& error);
+
 }  // namespace mv::server

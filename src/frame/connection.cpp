@@ -5,29 +5,31 @@
 
 #include "frame/exchange.h"
 #include "platform/codepage.h"
-#include "rpc/remote_book_server.h"
-#include "server/core/book_server.h"
 
 namespace mv {
 
 namespace {
 
-std::string& dataFolder() {
-  static std::string folder;
-  return folder;
-}
-
-// No name: the server in this process, on the application's data folder. A name: a daemon on
-// the network, as the client configuration says (rpc/client_config.h).
-int32_t defaultFactory(std::string_view host, IBookServer** server) {
-  *server = nullptr;
-  if (!host.empty()) return rpc::connectRemote(host, server);
-  return server::connectEmbedded(dataFolder(), server);
-}
-
-ServerFactory& factory() {
-  static ServerFactory f = defaultFactory;
+std::string& folder() {
+  static std::string f;
   return f;
+}
+
+// The entry's factory, and the one in use: a test's own or the entry's.
+struct Factories {
+  ServerFactory installed;
+  ServerFactory current;
+};
+
+Factories& factories() {
+  static Factories f;
+  return f;
+}
+
+int32_t makeLink(std::string_view host, IBookServer** server) {
+  *server = nullptr;
+  const ServerFactory& f = factories().current;
+  return f ? f(host, server) : kStatusClassNotRegistered;
 }
 
 }  // namespace
@@ -38,10 +40,19 @@ ConnectionState& connection() {
 }
 
 ServerFactory setServerFactory(ServerFactory f) {
-  ServerFactory previous = std::move(factory());
-  factory() = f ? std::move(f) : ServerFactory(defaultFactory);
+  Factories& all = factories();
+  ServerFactory previous = std::move(all.current);
+  all.current = f ? std::move(f) : all.installed;
   return previous;
 }
+
+void setDefaultServerFactory(ServerFactory f) {
+  Factories& all = factories();
+  all.installed = std::move(f);
+  all.current = all.installed;
+}
+
+const std::string& dataFolder() { return folder(); }
 
 void resetConnectionState() { connection() = ConnectionState{}; }
 
@@ -55,7 +66,7 @@ extern "C" {
 MVAPI int MVInit(const char* serverName) {
   if (serverName == nullptr) return -1;
   mv::IBookServer* server = nullptr;
-  int32_t status = mv::factory()(serverName, &server);
+  int32_t status = mv::makeLink(serverName, &server);
   if (status == 0 && server == nullptr) status = mv::kStatusNoInterface;
   if (status != 0) {
     connection().lastError = status;
@@ -160,7 +171,7 @@ MVAPI int MVGetLastError(char* message) {
 
 MVAPI int MVSetDataFolder(const char* folder) {
   if (folder == nullptr) return -1;
-  mv::dataFolder() = folder;
+  mv::folder() = folder;
   return 0;
 }
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "frame/IBookServer.h"
+#include "frame/activation.h"
 
 namespace mv {
 
@@ -43,13 +44,17 @@ inline constexpr char kSystemDb[] = "MarvekSystemCommonDB";
 // otherwise returns the activation's failure status.
 using ServerFactory = std::function<int32_t(std::string_view host, IBookServer** server)>;
 
-// Activation statuses of the default connector.
-inline constexpr int32_t kStatusClassNotRegistered = static_cast<int32_t>(0x80040154u);
-inline constexpr int32_t kStatusNoInterface = static_cast<int32_t>(0x80004002u);
-
 // Installs the factory MVInit and MVChangeServer use and returns the previous one; an empty
 // factory restores the default.
 ServerFactory setServerFactory(ServerFactory factory);
+
+// The default factory, which the library's entry installs (the frame knows no server of its
+// own): it replaces the factory in use too. Without one, every link fails with
+// kStatusClassNotRegistered.
+void setDefaultServerFactory(ServerFactory factory);
+
+// The folder MVSetDataFolder gave; empty when none was.
+const std::string& dataFolder();
 
 // Forgets the whole state without releasing anything: for test fixtures between cases.
 void resetConnectionState();
