@@ -430,6 +430,8 @@ void Daemon::run() {
 
   for (int fd : listeners_) ::close(fd);
   listeners_.clear();
+  // A signal may end the loop before connections that ended meanwhile were counted out.
+  reap();
   {
     std::lock_guard lock(mutex_);
     options_.log("stopping: closing " + std::to_string(connections_.size()) + " connections");
