@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "child_process.h"
-#include "contents/index_bif.h"
 #include "contents_fixture.h"
 #include "platform/files.h"
 #include "transfer/folder_tools.h"
@@ -233,25 +232,6 @@ TEST_F(ShareRecorded, StalenessComparesCountsFilesAndCountersByPosition) {
   ASSERT_TRUE(mv::fs::deleteFile(local + "/b.tif"));
   make(local, {"noext", ".hidden.tif"});
   EXPECT_EQ(stale(), 1);
-}
-
-TEST(IndexBif, ReadsCountAndFieldsByPositionWithEitherLineEnd) {
-  const mv::IndexBif index =
-      mv::parseIndexBif("[DataCnt],3\r\n[Data],a.tif,5,x,7\r\n\n[Data],b.tif,2\n[Data],c,1,y,z");
-  EXPECT_EQ(index.count, 3);
-  EXPECT_THAT(index.lines,
-              ElementsAre("[Data],a.tif,5,x,7", "", "[Data],b.tif,2", "[Data],c,1,y,z"));
-  EXPECT_EQ(mv::indexNumber(index.lines[0], 4), 7);
-  EXPECT_EQ(mv::indexNumber(index.lines[2], 4), 0);  // missing field
-  EXPECT_EQ(mv::indexNumber(index.lines[3], 4), 0);  // no number
-  EXPECT_THAT(mv::selectedFiles(index), ElementsAre("a.tif", "c"));
-  for (const char* bad : {"", "[DataCnt]\n[Data],a,1,,1", "[DataCnt],x"}) {
-    EXPECT_EQ(mv::parseIndexBif(bad).count, 0) << bad;
-  }
-  EXPECT_TRUE(mv::isIndexFileName("Index.BIF"));
-  EXPECT_FALSE(mv::isIndexFileName("index.bif2"));
-  EXPECT_TRUE(mv::hasExtension("a.b"));
-  for (const char* none : {"abc", "abc.", ".abc"}) EXPECT_FALSE(mv::hasExtension(none)) << none;
 }
 
 TEST(FolderTools, MakeCopyAndEmptyFolderTrees) {
