@@ -177,7 +177,7 @@ TEST_P(ContentsLive, AttributeValuesAndViewTablesAreMadeOnFirstUse) {
 }
 
 TEST_P(ContentsLive, ImageBytesDatesCountersAndElectronicRowsRoundTrip) {
-  const std::string up = temp.write("up.tif", std::string(307201, 'u'));
+  const std::string up = temp.write("up.tif", std::string(3 * 307200 + 123, 'u'));
   ASSERT_TRUE(mv::fs::setFileTimes(up, 1650000000));
   ImageInfoRecordEX info{0, 0, 5, "up.tif", "O'Brien"};
   ASSERT_EQ(MVInsertImageDataEX(kBook, 7, &info, up.c_str()), 0) << mv::connection().lastError;
@@ -186,7 +186,7 @@ TEST_P(ContentsLive, ImageBytesDatesCountersAndElectronicRowsRoundTrip) {
   EXPECT_THAT(std::vector({rows[0].T_Index, rows[0].Attribute}), ElementsAre(info.T_Index, 5));
   EXPECT_THAT(std::vector<std::string>({rows[0].ImageDataInfo, rows[0].Various}),
               ElementsAre("up.tif", "O'Brien"));
-  const std::string down = temp.write("down.tif", std::string(700000, 'd'));  // older, longer
+  const std::string down = temp.write("down.tif", std::string(1000000, 'd'));  // older, longer
   ASSERT_EQ(MVDownLoadImageData(kBook, "ImageDataTBL", info.T_Index, down.c_str()), 0);
   EXPECT_TRUE(content(down) == content(up));
   std::time_t t = 0;

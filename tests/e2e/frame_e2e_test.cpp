@@ -171,31 +171,6 @@ TEST_P(FrameEndToEnd, ConnectionQueriesAnswerFromTheRealServerAndExitReleasesThe
   EXPECT_EQ(MVResetServer(), 0);
 }
 
-TEST_P(FrameEndToEnd, BlobsGoUpAndComeBackByteForByte) {
-  makeBook("BOOK1123000002");
-  std::string handle;
-  int32_t rows = 0;
-  ASSERT_EQ(mv::openWorkTable("BOOK1123000002", "ImageDataTBL", &rows, handle), 1);
-  const int32_t row = addRow("BOOK1123000002", handle, "ImageDataInfo", "a.png");
-  std::vector<uint8_t> bytes(3 * mv::kBlockSize + 123), back;
-  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 31 + 7);
-  std::size_t offset = 0;
-  mv::BlockRecord record("BOOK1123000002", handle, row, "RealityData");
-  const mv::UploadResult up =
-      mv::uploadBlocks(server(), record.get(), mv::UploadForm::Insert,
-                       [&](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
-                         const std::size_t n = std::min(size, bytes.size() - offset);
-                         std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), n, data);
-                         offset += n;
-                         return static_cast<std::ptrdiff_t>(n);
-                       });
-  EXPECT_EQ(up.status, 0);
-  EXPECT_EQ(up.calls, 4);
-  ASSERT_EQ(mv::closeWorkTable("BOOK1123000002", handle, 0), 1);
-  EXPECT_EQ(download("BOOK1123000002", "WHERE T_Index = " + std::to_string(row), &back), 0);
-  EXPECT_EQ(back, bytes);
-}
-
 TEST_P(FrameEndToEnd, ADaemonKilledDuringAListingOrAnUploadFailsItPromptlyAndKeepsItsData) {
   if (!remote()) GTEST_SKIP() << "only a daemon can die under its client";
   constexpr int kRows = 1500;
