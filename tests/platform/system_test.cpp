@@ -77,7 +77,6 @@ TEST(OleDateTest, RoundsToTheNearestMillisecondAndRefusesWhatIsNoDate) {
   };
   for (const auto& [date, text] : cases) EXPECT_EQ(fromOle(date), text) << date;
   EXPECT_FALSE(mv::oleDateToSystemTime(0.0, nullptr));
-
   double date = 0;
   for (const char* bad : {"99-12-31", "10000-1-1", "2000-0-1", "2000-13-1", "2000-1-0", "2000-1-32",
                           "2000-1-257", "2000-257-1",  // 1 once cut to a byte
@@ -96,12 +95,10 @@ TEST(ClockTest, NowAndPosixTimesConvert) {
   EXPECT_EQ(fromOle(date), show(now) + " w" + std::to_string(now.wDayOfWeek));
   ASSERT_TRUE(mv::systemTimeToOleDate(mv::utcTimeNow(), &utcDate));
   EXPECT_LT(std::fabs(utcDate - date), 1.0);  // time zones are less than a day apart
-
   const SYSTEMTIME epoch = mv::toUtcSystemTime(0, 999'999'999);
   EXPECT_EQ(show(epoch) + " w" + std::to_string(epoch.wDayOfWeek), "1970-1-1 0:0:0.999 w4");
   const SYSTEMTIME leap = mv::toUtcSystemTime(951'782'400 + 3'723, 4'000'000);
   EXPECT_EQ(show(leap) + " w" + std::to_string(leap.wDayOfWeek), "2000-2-29 1:2:3.4 w2");
-
   std::time_t back = 0;
   ASSERT_TRUE(mv::localSystemTimeToTime(mv::toLocalSystemTime(1'700'000'000), &back));
   EXPECT_EQ(back, 1'700'000'000);
@@ -123,7 +120,6 @@ class FilesTest : public testing::Test {
     std::replace(root_.begin(), root_.end(), '/', '\\');
   }
   void TearDown() override { std::filesystem::remove_all(native_); }
-
   std::string path(const std::string& name) const { return mv::fs::join(root_, name); }
   void write(const std::string& name, const std::string& contents) const {
     std::ofstream(native_ / name, std::ios::binary) << contents;
@@ -133,7 +129,6 @@ class FilesTest : public testing::Test {
     s << std::ifstream(native_ / name, std::ios::binary).rdbuf();
     return s.str();
   }
-
   std::filesystem::path native_;
   std::string root_;
 };
@@ -147,7 +142,6 @@ TEST_F(FilesTest, PathsAndDirectories) {
                                              {"", "b", "b"}}) {
     EXPECT_EQ(mv::fs::join(folder, name), joined) << folder << " + " << name;
   }
-
   const std::string dir = path("sub");
   EXPECT_FALSE(mv::fs::exists(dir));
   ASSERT_TRUE(mv::fs::createDirectory(dir));
@@ -155,7 +149,6 @@ TEST_F(FilesTest, PathsAndDirectories) {
   EXPECT_FALSE(mv::fs::createDirectory(dir));
   EXPECT_EQ(errno, EEXIST);
   EXPECT_FALSE(mv::fs::createDirectory(path("missing\\child")));
-
   write("sub/file", "x");
   EXPECT_TRUE(mv::fs::exists(dir + "\\file"));
   EXPECT_FALSE(mv::fs::isDirectory(dir + "\\file"));
@@ -181,7 +174,6 @@ TEST_F(FilesTest, CopyKeepsContentsAndTimeAndMoveNeverReplaces) {
   std::time_t t = 0;
   ASSERT_TRUE(mv::fs::lastWriteTime(path("dst.bin"), &t));
   EXPECT_EQ(t, 1'000'000'000);
-
   write("other", "short");
   EXPECT_FALSE(mv::fs::copyFile(path("other"), path("dst.bin"), true));
   EXPECT_EQ(read("dst.bin"), contents);
@@ -194,7 +186,6 @@ TEST_F(FilesTest, CopyKeepsContentsAndTimeAndMoveNeverReplaces) {
     EXPECT_FALSE(mv::fs::copyFile(path(from), path("new"), false)) << from;
     EXPECT_FALSE(mv::fs::exists(path("new"))) << from;
   }
-
   ASSERT_TRUE(mv::fs::moveFile(path("src.bin"), path("moved")));
   EXPECT_FALSE(mv::fs::exists(path("src.bin")));
   EXPECT_FALSE(mv::fs::moveFile(path("moved"), path("other")));
@@ -222,7 +213,6 @@ TEST_F(FilesTest, FindFilesMatchesPatterns) {
                                                        {"*.none", ""},
                                                        {"missing\\*.*", ""}};
   for (const auto& [pattern, found] : cases) EXPECT_EQ(names(pattern), found) << pattern;
-
   const auto all = mv::fs::findFiles(path("*"));
   ASSERT_EQ(all.size(), 5u);
   EXPECT_FALSE(all[1].isDirectory);
@@ -244,12 +234,10 @@ TEST_F(FilesTest, TimesSpaceAndMachine) {
   std::time_t t = 0;
   EXPECT_FALSE(mv::fs::lastWriteTime(path("missing"), &t));
   EXPECT_FALSE(mv::fs::setFileTimes(path("missing"), 0));
-
   std::uint64_t bytes = 0;
   ASSERT_TRUE(mv::fs::freeSpace(root_, &bytes));
   EXPECT_GT(bytes, 0u);
   EXPECT_FALSE(mv::fs::freeSpace(path("missing\\deeper"), &bytes));
-
   const std::string name = mv::fs::computerName();
   EXPECT_FALSE(name.empty());
   EXPECT_LE(name.size(), 259u);

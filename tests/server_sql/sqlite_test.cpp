@@ -84,7 +84,6 @@ class TestDb {
     sqlite3_finalize(stmt);
     return values;
   }
-
   std::vector<std::string> tables;  // in data-model order
 
  private:
@@ -173,7 +172,6 @@ TEST(TemplatesTest, EveryTemplateAndSearchFragmentTranslatesToSqliteThatPrepares
   }
   const auto r = translateSql(brackets);
   EXPECT_TRUE(r.ok && r.kind == SqlKind::UpdateBatch && r.statements.empty()) << brackets;
-
   ASSERT_EQ(joiners.size(), 2u);
   ASSERT_GE(fragments.size(), 11u);
   const size_t at = search.find("%s");

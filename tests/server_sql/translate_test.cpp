@@ -132,7 +132,6 @@ TEST(TranslateTest, LiteralsAreTextWhateverTheyContainAndCutsAreRefusedNotCrashe
       EXPECT_THAT(r.statements[0], HasSubstr(text)) << sql;
     }
   }
-
   const std::string full =
       "BEGIN TRAN T1;UPDATE [A] SET b=CAST(CAST(c AS varchar(10)) AS INT) WHERE "
       "(CONVERT(varbinary(100), d)=CONVERT(varbinary(100), N'x''y') AND e LIKE "
