@@ -78,12 +78,11 @@ TEST_F(HandlesTest, AHeldSystemDatabaseIsNeitherOpenedNorClosedByTheWork) {
   int32_t rows = -1;
   server->queueResult({{"KEY=T_Index\t1\t1"}, {"KEY=T_Index\t1\t2"}});
   ASSERT_EQ(mv::openWorkTable(kSys, "UserInfoTBL", &rows, handle), 1);
-  EXPECT_EQ(rows, 2);
-  EXPECT_EQ(handle, "H1");
+  EXPECT_EQ(std::pair(rows, handle), std::pair(2, std::string("H1")));
   ASSERT_EQ(mv::closeWorkTable(kSys, handle, 0), 1);
-  ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", 0, 1), 0);
-  ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", 7, 0), 0);
-  ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", 0, 2), 0);
+  for (const auto& [key, phase] : {std::pair{0, 1}, {7, 0}, {0, 2}}) {
+    ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", key, phase), 0);
+  }
   ASSERT_EQ(MVCloseDB(kSys), 0);
   EXPECT_EQ(server->calls[4].text(), "DeleteRecord(MarvekSystemCommonDB, H2, 7)");
   EXPECT_EQ(take(),
@@ -96,15 +95,13 @@ TEST_F(HandlesTest, AHeldSystemDatabaseIsNeitherOpenedNorClosedByTheWork) {
 TEST_F(HandlesTest, WorkTableFailuresCloseWhatWasOpenedAndKeepTheFirstCode) {
   std::string handle;
   int32_t rows = 0;
-  server->failNext("OpenDatabase", 0x11);
-  EXPECT_EQ(mv::openWorkTable(kBook, "TagPageTBL", &rows, handle), 0);
-  EXPECT_EQ(lastError(), 0x11);
-  EXPECT_EQ(take(), "OpenDatabase");
-  server->failNext("OpenTable", 0x12);
-  EXPECT_EQ(mv::openWorkTable(kBook, "TagPageTBL", &rows, handle), 0);
-  EXPECT_EQ(lastError(), 0x12);
-  EXPECT_EQ(take(), "OpenDatabase OpenTable CloseDatabase");
-
+  for (const auto& [method, methods] : {std::pair{"OpenDatabase", "OpenDatabase"},
+                                        {"OpenTable", "OpenDatabase OpenTable CloseDatabase"}}) {
+    server->failNext(method, 0x12);
+    EXPECT_EQ(mv::openWorkTable(kBook, "TagPageTBL", &rows, handle), 0) << method;
+    EXPECT_EQ(lastError(), 0x12) << method;
+    EXPECT_EQ(take(), methods);
+  }
   // A failed close still closes the database; the first failure's code stays.
   const std::tuple<const char*, int32_t, const char*> closes[] = {
       {"CloseTable", 1, "CloseTable UnlockDatabase CloseDatabase"},

@@ -67,15 +67,13 @@ TEST(GlobalMemHandles, FixedMovableAndBogusHandles) {
   EXPECT_EQ(MVGlobalSize(movable), 0u);
   EXPECT_EQ(MVGlobalFree(next), nullptr);
   int local = 0;
-  MVHGLOBAL bogus = &local;
-  EXPECT_EQ(MVGlobalLock(bogus), nullptr);
-  EXPECT_EQ(MVGlobalUnlock(bogus), 0);
-  EXPECT_EQ(MVGlobalSize(bogus), 0u);
-  EXPECT_EQ(MVGlobalHandle(&local), nullptr);
-  EXPECT_EQ(MVGlobalFree(bogus), bogus);
-  EXPECT_EQ(MVGlobalLock(nullptr), nullptr);
-  EXPECT_EQ(MVGlobalHandle(nullptr), nullptr);
-  EXPECT_EQ(MVGlobalFree(nullptr), nullptr);
+  for (const MVHGLOBAL bad : {static_cast<MVHGLOBAL>(&local), MVHGLOBAL{nullptr}}) {
+    EXPECT_EQ(MVGlobalLock(bad), nullptr);
+    EXPECT_EQ(MVGlobalUnlock(bad), 0);
+    EXPECT_EQ(MVGlobalSize(bad), 0u);
+    EXPECT_EQ(MVGlobalHandle(bad), nullptr);
+    EXPECT_EQ(MVGlobalFree(bad), bad);
+  }
 }
 
 TEST(GlobalMemHandles, ConcurrentUseKeepsBlocksApart) {
@@ -155,7 +153,6 @@ TEST(SafeArrayTest, CreatesOnlySupportedVectorsAndLocksBlockDestruction) {
     }
   }
   EXPECT_EQ(mv::safeArrayCreateVector(MV_VT_I4, 0, 1), nullptr);
-  EXPECT_EQ(mv::safeArrayCreateVector(MV_VT_EMPTY, 0, 1), nullptr);
   EXPECT_EQ(mv::safeArrayCreateVector(MV_VT_VARIANT, 0, (1u << 30) + 1), nullptr);
   EXPECT_EQ(mv::safeArrayElementType(nullptr), MV_VT_EMPTY);
   EXPECT_EQ(mv::safeArrayCount(nullptr), 0u);
