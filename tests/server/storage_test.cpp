@@ -1,6 +1,5 @@
-// A fresh data folder, the older layout it deliberately starts from (so that the library's own
-// repairs take the same road as on an old server), handles and their snapshots, row writes, and
-// the SQL a client may send.
+// A fresh data folder in the older layout (so that the library's own repairs take the same road
+// as on an old server), handles and their snapshots, row writes, and the SQL a client may send.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -152,20 +151,6 @@ TEST_F(StorageTest, EveryWayOfOpeningGivesItsOwnHandleOnASnapshotTakenOnce) {
   EXPECT_NE(closeTable(*s, kSystemDb, after.handle), 0);
 }
 
-TEST_F(StorageTest, RowsOfABookCarryEveryColumnButBlobsInCatalogueOrder) {
-  createBook(kBook);
-  const int32_t key = addRow(*s, kBook, "ImageDataTBL",
-                             {field("TagID", 1, "7"), field("Up_Date", 3, "2024/01/31 12:34:56"),
-                              field("FileName", 2, "図面.tif")});
-  std::vector<std::string> image;
-  ASSERT_EQ(getRow(*s, kBook, open(*s, kBook, "ImageDataTBL").handle, 0, image), 0);
-  EXPECT_THAT(image, ElementsAre("KEY=T_Index\t1\t" + std::to_string(key), "KEY=TagID\t1\t7",
-                                 "KEY=Up_DateCounter\t1\t", "KEY=Attribute\t1\t",
-                                 "KEY=GroupNo\t1\t", "KEY=Various\t2\t", "KEY=SubIndex\t1\t",
-                                 "KEY=ImageDataInfo\t2\t", "KEY=Up_Date\t3\t2024/01/31 12:34:56",
-                                 "KEY=ImgFType\t1\t", "KEY=FileName\t2\t図面.tif"));
-}
-
 TEST_F(StorageTest, RecordWritesChooseTheKeyStoreColumnTypesAndTouchOnlyTheirRow) {
   const Opened table = open(*s, kSystemDb, "UserInfoTBL");
   int32_t first = -1, second = -1, key = -1;
@@ -238,9 +223,9 @@ class SqlPolicyTest : public StorageTest {
 };
 
 TEST_F(SqlPolicyTest, TheClientDialectWorksOnRealRows) {
+  // Comparisons keep their meaning on real rows, quoted numbers included; the rest of the
+  // dialect is checked on the translator's own.
   const std::pair<const char*, const char*> cases[] = {
-      {"UserName = CONVERT(varbinary(100),'ADMIN')", "ADMIN"},
-      {"CONVERT(varbinary(100), UserName) = CONVERT(varbinary(100), 'admin')", "admin"},
       {"UserName LIKE CONVERT(varbinary(100),'adm%')", "admin"},
       {"UserName LIKE 'adm%'", "admin ADMIN"},
       {"UserAttribute = '5'", "bob"},

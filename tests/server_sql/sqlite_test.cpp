@@ -1,7 +1,5 @@
-// Translated statements against SQLite: every statement template the client sends, filled in as
-// the client fills it, prepares against the data model's tables, and the rewrites keep the
-// client's meaning on real rows. Added columns, batches and quoted numbers are checked through
-// the server (tests/server).
+// Every statement template the client sends prepares in SQLite once translated, and the rewrites
+// keep the client's meaning on real rows.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -184,7 +182,6 @@ TEST(TemplatesTest, EveryTemplateAndSearchFragmentTranslatesToSqliteThatPrepares
   EXPECT_EQ(translateAndPrepare(db, search.replace(at, 2, all)), "");
 }
 
-// The rewrites keep the client's meaning on real rows.
 TEST(BehaviourTest, ComparisonsKeepTheClientsMeaning) {
   TestDb db;
   db.exec(
