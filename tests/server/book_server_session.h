@@ -119,12 +119,7 @@ inline Bytes bytes(const VARIANT& v) {
 inline Bytes pattern(std::size_t size, uint32_t seed) {
   Bytes out(size);
   uint32_t x = seed * 2654435761u + 1;
-  for (uint8_t& b : out) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    b = static_cast<uint8_t>(x);
-  }
+  for (uint8_t& b : out) b = static_cast<uint8_t>((x = x * 1103515245u + 12345u) >> 16);
   return out;
 }
 
