@@ -1,17 +1,17 @@
 // OLE dates and the clock, and files addressed with '\' the way the library's callers do.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <sstream>
 
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "temp_folder.h"
 
 namespace {
 
@@ -110,27 +110,21 @@ TEST(ClockTest, NowAndPosixTimesConvert) {
 // A fresh folder for each test, addressed with '\'.
 class FilesTest : public testing::Test {
  protected:
-  void SetUp() override {
-    native_ = std::filesystem::path(testing::TempDir()) /
-              ("mvcore_files_" + std::to_string(::getpid()) + "_" +
-               testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::remove_all(native_);
-    std::filesystem::create_directories(native_);
-    root_ = native_.string();
-    std::replace(root_.begin(), root_.end(), '/', '\\');
-  }
-  void TearDown() override { std::filesystem::remove_all(native_); }
   std::string path(const std::string& name) const { return mv::fs::join(root_, name); }
   void write(const std::string& name, const std::string& contents) const {
-    std::ofstream(native_ / name, std::ios::binary) << contents;
+    folder_.write(name, contents);
   }
   std::string read(const std::string& name) const {
     std::stringstream s;
-    s << std::ifstream(native_ / name, std::ios::binary).rdbuf();
+    s << std::ifstream(folder_ / name, std::ios::binary).rdbuf();
     return s.str();
   }
-  std::filesystem::path native_;
-  std::string root_;
+  mvtest::TempFolder folder_{"files"};
+  std::string root_ = [this] {
+    std::string root = folder_.path();
+    std::replace(root.begin(), root.end(), '/', '\\');
+    return root;
+  }();
 };
 
 TEST_F(FilesTest, PathsAndDirectories) {
