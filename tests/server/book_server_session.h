@@ -3,12 +3,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -20,6 +18,7 @@
 #include "platform/wide.h"
 #include "server/core/book_server.h"
 #include "server/core/server_core.h"
+#include "temp_folder.h"
 
 namespace mvtest::server {
 
@@ -272,27 +271,19 @@ inline Bytes storedBlob(Server& server, std::string_view db, std::string_view ta
 // A data folder of its own for every test, a server core over it and a first session.
 class ServerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    folder_ = ::testing::TempDir() + "mvcore-server-" + info->test_suite_name() + "." +
-              info->name() + "-" + std::to_string(::getpid());
-    std::filesystem::remove_all(folder_);
-    reopen();
-  }
+  void SetUp() override { reopen(); }
   void TearDown() override {
     s.reset();
     core.reset();
-    std::error_code ec;
-    std::filesystem::remove_all(folder_, ec);
   }
   Session connect() { return Session(new mv::server::BookServer(core)); }
-  const std::string& folder() const { return folder_; }
+  const std::string& folder() const { return folder_.path(); }
   // A restarted server: the first session and the core end, the folder is served anew.
   void reopen() {
     s.reset();
     core.reset();
     std::string error;
-    core = mv::server::ServerCore::open(folder_, {}, error);
+    core = mv::server::ServerCore::open(folder_.path(), {}, error);
     ASSERT_TRUE(core) << error;
     s = connect();
   }
@@ -310,7 +301,7 @@ class ServerTest : public ::testing::Test {
   Session s;
 
  private:
-  std::string folder_;
+  TempFolder folder_{"server"};
 };
 
 }  // namespace mvtest::server
