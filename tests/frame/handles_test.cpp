@@ -150,12 +150,11 @@ TEST_F(HandlesTest, OpenTblCheckTblAndDeleteDbReachTheServerAsAsked) {
             "DeleteDatabase(BOOK1123101010, )\n");
 
   // CheckTBL's only yes is its own status; no answer is a failure to remember.
-  server->failNext("CheckTBL", mv::kStatusTableExists);
   mv::connection().lastError = 4;
-  EXPECT_EQ(MVCheckTBL("MarvekCommonDB", "FigureTBL2"), 1);
-  EXPECT_EQ(MVCheckTBL("MarvekCommonDB", "FigureTBL2"), 0);
-  server->failNext("CheckTBL", 0x99);
-  EXPECT_EQ(MVCheckTBL("MarvekCommonDB", "FigureTBL2"), 0);
+  for (const auto& [answer, exists] : {std::pair{mv::kStatusTableExists, 1}, {0, 0}, {0x99, 0}}) {
+    server->failNext("CheckTBL", answer);
+    EXPECT_EQ(MVCheckTBL("MarvekCommonDB", "FigureTBL2"), exists) << answer;
+  }
   EXPECT_EQ(lastError(), 4);
 }
 
