@@ -108,25 +108,21 @@ TEST(Download, StopsOnTheEndFlagAnEmptyBlockAFailureOrARefusedWrite) {
             "DownLoadData(BOOK1, H2, RealityData, 0, 1, 307200)\n"
             "DownLoadData(BOOK1, H2, RealityData, 0, 2, 307200)\n"
             "DownLoadData(BOOK1, H2, RealityData, 0, 3, 307200)\n");
-
   server.flagEndOnLastBlock = false;
   server.downloadChunk = 1000;
   server.download = pattern(2500);
   EXPECT_EQ(run().status, 0);
   EXPECT_EQ(got, server.download);
   EXPECT_EQ(server.count("DownLoadData"), 4);  // the fourth brings no array
-
   server.download.clear();
   EXPECT_EQ(run().status, 0);
   EXPECT_TRUE(got.empty());
   EXPECT_EQ(server.count("DownLoadData"), 1);
-
   server.download = pattern(3000);
   server.failNext("DownLoadData", 0, 1);
   server.failNext("DownLoadData", 0xA0, 1);
   EXPECT_EQ(run().status, 0xA0);
   EXPECT_EQ(got.size(), 1000u);
-
   accept = false;
   const mv::DownloadResult refused = run();
   EXPECT_TRUE(refused.sinkFailed);

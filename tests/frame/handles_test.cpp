@@ -1,8 +1,10 @@
 // Databases, tables and queries: which opens and closes reach the server, what stays held, that
 // every way out closes what was opened and only that, and which failure's code stays.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 
 #include "MVCore.h"
 #include "frame/db_work.h"
@@ -12,6 +14,8 @@
 
 namespace mvtest {
 namespace {
+
+using ::testing::HasSubstr;
 
 constexpr char kBook[] = "BOOK1123101010";
 constexpr char kSys[] = "MarvekSystemCommonDB";
@@ -34,12 +38,10 @@ class HandlesTest : public ServerFixture {
 };
 
 TEST_F(HandlesTest, OnlyTheExactSystemDatabaseNameIsHeldAndAFailedCloseStillDropsIt) {
-  for (const char* db : {"MarvekCommonDB", "marveksystemcommondb"}) {
+  for (const char* db : {"MarvekCommonDB", "marveksystemcommondb", kSys}) {
     EXPECT_EQ(MVOpenDB(db), 0);
-    EXPECT_EQ(mv::connection().systemDbHeld, 0) << db;
+    EXPECT_EQ(mv::connection().systemDbHeld, db == kSys) << db;
   }
-  EXPECT_EQ(MVOpenDB(kSys), 0);
-  EXPECT_EQ(mv::connection().systemDbHeld, 1);
   EXPECT_EQ(server->calls[2].text(), "OpenDatabase(MarvekSystemCommonDB, 0)");
   server->failNext("CloseDatabase", 0x30);
   EXPECT_EQ(MVCloseDB(kSys), -1);
@@ -48,7 +50,26 @@ TEST_F(HandlesTest, OnlyTheExactSystemDatabaseNameIsHeldAndAFailedCloseStillDrop
   server->failNext("OpenDatabase", 0x8A);
   EXPECT_EQ(MVOpenDB(kSys), -1);
   EXPECT_EQ(mv::connection().systemDbHeld, 0);
-  EXPECT_EQ(lastError(), 0x8A);
+}
+
+TEST_F(HandlesTest, AFailingServerCallFailsTheExportAndLeavesItsStatus) {
+  int32_t rows = 0;
+  char handle[260] = "old";
+  const std::tuple<const char*, std::function<int32_t()>> cases[] = {
+      {"OpenDatabase", [] { return MVOpenDB(kBook); }},
+      {"OpenTable", [&] { return MVOpenTBL(kBook, "NoSuchTBL", 0, &rows, handle); }},
+      {"CloseTable", [] { return MVCloseTBL(kBook, "H7"); }},
+      {"DeleteDatabase", [] { return MVDeleteDB(kBook); }},
+      {"DeleteRecord", [] { return MVRecordDelete(kBook, "ImageDataTBL", 3, 0); }}};
+  for (const auto& [method, call] : cases) {
+    server->failNext(method, 0x21);
+    EXPECT_EQ(call(), -1) << method;
+    EXPECT_EQ(lastError(), 0x21) << method;
+    mv::connection().lastError = 0;
+  }
+  EXPECT_STREQ(handle, "old");
+  // Before a delete series is opened, the delete goes out with an empty handle.
+  EXPECT_THAT(server->log(), HasSubstr("DeleteRecord(BOOK1123101010, , 3)\n"));
 }
 
 TEST_F(HandlesTest, AHeldSystemDatabaseIsNeitherOpenedNorClosedByTheWork) {
@@ -57,17 +78,15 @@ TEST_F(HandlesTest, AHeldSystemDatabaseIsNeitherOpenedNorClosedByTheWork) {
   int32_t rows = -1;
   server->queueResult({{"KEY=T_Index\t1\t1"}, {"KEY=T_Index\t1\t2"}});
   ASSERT_EQ(mv::openWorkTable(kSys, "UserInfoTBL", &rows, handle), 1);
-  EXPECT_EQ(rows, 2);
-  EXPECT_EQ(handle, "H1");
+  EXPECT_EQ(std::pair(rows, handle), std::pair(2, std::string("H1")));
   ASSERT_EQ(mv::closeWorkTable(kSys, handle, 0), 1);
-  ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", 0, 1), 0);
-  ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", 7, 0), 0);
-  ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", 0, 2), 0);
+  for (const auto& [key, phase] : {std::pair{0, 1}, {7, 0}, {0, 2}}) {
+    ASSERT_EQ(MVRecordDelete(kSys, "CommonTBL", key, phase), 0);
+  }
   ASSERT_EQ(MVCloseDB(kSys), 0);
   EXPECT_EQ(server->calls[4].text(), "DeleteRecord(MarvekSystemCommonDB, H2, 7)");
   EXPECT_EQ(take(),
             "OpenDatabase OpenTable CloseTable OpenTable DeleteRecord CloseTable CloseDatabase");
-
   ASSERT_EQ(mv::openWorkTable(kSys, "UserInfoTBL", &rows, handle), 1);
   ASSERT_EQ(mv::closeWorkTable(kSys, handle, 0), 1);
   EXPECT_EQ(take(), "OpenDatabase OpenTable CloseTable CloseDatabase");
@@ -76,15 +95,13 @@ TEST_F(HandlesTest, AHeldSystemDatabaseIsNeitherOpenedNorClosedByTheWork) {
 TEST_F(HandlesTest, WorkTableFailuresCloseWhatWasOpenedAndKeepTheFirstCode) {
   std::string handle;
   int32_t rows = 0;
-  server->failNext("OpenDatabase", 0x11);
-  EXPECT_EQ(mv::openWorkTable(kBook, "TagPageTBL", &rows, handle), 0);
-  EXPECT_EQ(lastError(), 0x11);
-  EXPECT_EQ(take(), "OpenDatabase");
-  server->failNext("OpenTable", 0x12);
-  EXPECT_EQ(mv::openWorkTable(kBook, "TagPageTBL", &rows, handle), 0);
-  EXPECT_EQ(lastError(), 0x12);
-  EXPECT_EQ(take(), "OpenDatabase OpenTable CloseDatabase");
-
+  for (const auto& [method, methods] : {std::pair{"OpenDatabase", "OpenDatabase"},
+                                        {"OpenTable", "OpenDatabase OpenTable CloseDatabase"}}) {
+    server->failNext(method, 0x12);
+    EXPECT_EQ(mv::openWorkTable(kBook, "TagPageTBL", &rows, handle), 0) << method;
+    EXPECT_EQ(lastError(), 0x12) << method;
+    EXPECT_EQ(take(), methods);
+  }
   // A failed close still closes the database; the first failure's code stays.
   const std::tuple<const char*, int32_t, const char*> closes[] = {
       {"CloseTable", 1, "CloseTable UnlockDatabase CloseDatabase"},
@@ -118,7 +135,7 @@ TEST_F(HandlesTest, OpenDBExHoldsOneBookAndAnswersRepeatsWithoutTheServer) {
   EXPECT_EQ(server->count("CloseDatabase"), 1);
 }
 
-TEST_F(HandlesTest, OpenTblCopiesTheHandleOnlyOnSuccess) {
+TEST_F(HandlesTest, OpenTblCheckTblAndDeleteDbReachTheServerAsAsked) {
   server->queueResult({{}, {}, {}});
   int32_t rows = 0;
   char handle[260];
@@ -127,16 +144,18 @@ TEST_F(HandlesTest, OpenTblCopiesTheHandleOnlyOnSuccess) {
   EXPECT_STREQ(handle, "H1");
   EXPECT_EQ(rows, 3);
   ASSERT_EQ(MVCloseTBL(kBook, handle), 0);
+  EXPECT_EQ(MVDeleteDB(kBook), 0);
   EXPECT_EQ(server->log(),
-            "OpenTable(BOOK1123101010, ImageDataTBL, 0)\nCloseTable(BOOK1123101010, H1)\n");
-  server->failNext("OpenTable", 0x21);
-  std::strcpy(handle, "old");
-  EXPECT_EQ(MVOpenTBL(kBook, "NoSuchTBL", 0, &rows, handle), -1);
-  EXPECT_STREQ(handle, "old");
-  EXPECT_EQ(lastError(), 0x21);
-  server->failNext("CloseTable", 0x22);
-  EXPECT_EQ(MVCloseTBL(kBook, "H7"), -1);
-  EXPECT_EQ(lastError(), 0x22);
+            "OpenTable(BOOK1123101010, ImageDataTBL, 0)\nCloseTable(BOOK1123101010, H1)\n"
+            "DeleteDatabase(BOOK1123101010, )\n");
+
+  // CheckTBL's only yes is its own status; no answer is a failure to remember.
+  mv::connection().lastError = 4;
+  for (const auto& [answer, exists] : {std::pair{mv::kStatusTableExists, 1}, {0, 0}, {0x99, 0}}) {
+    server->failNext("CheckTBL", answer);
+    EXPECT_EQ(MVCheckTBL("MarvekCommonDB", "FigureTBL2"), exists) << answer;
+  }
+  EXPECT_EQ(lastError(), 4);
 }
 
 TEST_F(HandlesTest, OpenTblExHoldsTheFirstImageHandleUntilClosed) {
@@ -151,7 +170,6 @@ TEST_F(HandlesTest, OpenTblExHoldsTheFirstImageHandleUntilClosed) {
   EXPECT_STREQ(second, "mine");
   EXPECT_EQ(server->count("OpenTableEx"), 1);
   EXPECT_EQ(mv::connection().imageTableHandle, "H1");
-
   server->failNext("CloseTable", 0x31);
   EXPECT_EQ(MVOpenTBLEx(1, kBook, handle), -1);
   EXPECT_EQ(mv::connection().imageTableOpen, 1);
@@ -166,19 +184,11 @@ TEST_F(HandlesTest, OpenTblExHoldsTheFirstImageHandleUntilClosed) {
 }
 
 TEST_F(HandlesTest, RecordDeleteRunsThroughItsThreePhasesAndAFailureClosesAtOnce) {
-  // Before opening, the delete goes out with an empty handle.
-  server->failNext("DeleteRecord", 0x52);
-  EXPECT_EQ(MVRecordDelete(kBook, "ImageDataTBL", 3, 0), -1);
-  EXPECT_EQ(server->calls[0].text(), "DeleteRecord(BOOK1123101010, , 3)");
-  EXPECT_EQ(lastError(), 0x52);
-  take();
-  ASSERT_EQ(MVRecordDelete(kBook, "ImageDataTBL", 0, 1), 0);
-  ASSERT_EQ(MVRecordDelete(kBook, "ImageDataTBL", 41, 0), 0);
-  ASSERT_EQ(MVRecordDelete(kBook, "ImageDataTBL", 42, 0), 0);
-  ASSERT_EQ(MVRecordDelete(kBook, "ImageDataTBL", 0, 2), 0);
-  EXPECT_EQ(MVRecordDelete(kBook, "ImageDataTBL", 0, 5), 0);
+  // Phase 1 opens, 0 deletes the key, 2 closes; other phases do nothing.
+  for (const auto& [key, phase] : {std::pair{0, 1}, {41, 0}, {42, 0}, {0, 2}, {0, 5}}) {
+    EXPECT_EQ(MVRecordDelete(kBook, "ImageDataTBL", key, phase), 0) << key << " " << phase;
+  }
   EXPECT_EQ(take(), "OpenDatabase OpenTable DeleteRecord DeleteRecord CloseTable CloseDatabase");
-
   ASSERT_EQ(MVRecordDelete(kBook, "ImageDataTBL", 0, 1), 0);
   server->failNext("DeleteRecord", 0x50);
   EXPECT_EQ(MVRecordDelete(kBook, "ImageDataTBL", 43, 0), -1);
@@ -187,22 +197,6 @@ TEST_F(HandlesTest, RecordDeleteRunsThroughItsThreePhasesAndAFailureClosesAtOnce
   server->failNext("OpenTable", 0x51);
   EXPECT_EQ(MVRecordDelete(kBook, "NoSuchTBL", 0, 1), -1);
   EXPECT_EQ(lastError(), 0x51);
-}
-
-TEST_F(HandlesTest, CheckTblAndDeleteDb) {
-  server->failNext("CheckTBL", mv::kStatusTableExists);
-  mv::connection().lastError = 4;
-  EXPECT_EQ(MVCheckTBL("MarvekCommonDB", "FigureTBL2"), 1);
-  EXPECT_EQ(MVCheckTBL("MarvekCommonDB", "FigureTBL2"), 0);  // status 0 is "no"
-  server->failNext("CheckTBL", 0x99);
-  EXPECT_EQ(MVCheckTBL("MarvekCommonDB", "FigureTBL2"), 0);
-  EXPECT_EQ(lastError(), 4);
-
-  EXPECT_EQ(MVDeleteDB(kBook), 0);
-  EXPECT_EQ(server->calls.back().text(), "DeleteDatabase(BOOK1123101010, )");
-  server->failNext("DeleteDatabase", 0x60);
-  EXPECT_EQ(MVDeleteDB(kBook), -1);
-  EXPECT_EQ(lastError(), 0x60);
 }
 
 TEST_F(HandlesTest, NullArgumentsFailWithoutReachingTheServer) {

@@ -80,7 +80,6 @@ TEST(Ini, LooksUpIgnoringAsciiCaseAndWritesWhatReadsBack) {
       EXPECT_EQ(*found, l.value) << l.section << "/" << l.key;
     }
   }
-
   const struct {
     const char* section;
     const char* key;
@@ -115,7 +114,6 @@ TEST(Ini, FilesMissingReadWrittenAndRefused) {
       << error;
   ASSERT_NE(back.find("S", "K"), nullptr);
   EXPECT_EQ(*back.find("S", "K"), "v");
-
   EXPECT_EQ(mv::ini::readFile(folder.path(), d, error), mv::ini::FileState::kFailed);
   EXPECT_THAT(error, HasSubstr("not a readable file"));
   const std::string bad = folder.write("bad.ini", "[s]\nk = v ; no\n");

@@ -1,17 +1,17 @@
 // OLE dates and the clock, and files addressed with '\' the way the library's callers do.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <sstream>
 
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "temp_folder.h"
 
 namespace {
 
@@ -77,7 +77,6 @@ TEST(OleDateTest, RoundsToTheNearestMillisecondAndRefusesWhatIsNoDate) {
   };
   for (const auto& [date, text] : cases) EXPECT_EQ(fromOle(date), text) << date;
   EXPECT_FALSE(mv::oleDateToSystemTime(0.0, nullptr));
-
   double date = 0;
   for (const char* bad : {"99-12-31", "10000-1-1", "2000-0-1", "2000-13-1", "2000-1-0", "2000-1-32",
                           "2000-1-257", "2000-257-1",  // 1 once cut to a byte
@@ -96,12 +95,10 @@ TEST(ClockTest, NowAndPosixTimesConvert) {
   EXPECT_EQ(fromOle(date), show(now) + " w" + std::to_string(now.wDayOfWeek));
   ASSERT_TRUE(mv::systemTimeToOleDate(mv::utcTimeNow(), &utcDate));
   EXPECT_LT(std::fabs(utcDate - date), 1.0);  // time zones are less than a day apart
-
   const SYSTEMTIME epoch = mv::toUtcSystemTime(0, 999'999'999);
   EXPECT_EQ(show(epoch) + " w" + std::to_string(epoch.wDayOfWeek), "1970-1-1 0:0:0.999 w4");
   const SYSTEMTIME leap = mv::toUtcSystemTime(951'782'400 + 3'723, 4'000'000);
   EXPECT_EQ(show(leap) + " w" + std::to_string(leap.wDayOfWeek), "2000-2-29 1:2:3.4 w2");
-
   std::time_t back = 0;
   ASSERT_TRUE(mv::localSystemTimeToTime(mv::toLocalSystemTime(1'700'000'000), &back));
   EXPECT_EQ(back, 1'700'000'000);
@@ -113,29 +110,21 @@ TEST(ClockTest, NowAndPosixTimesConvert) {
 // A fresh folder for each test, addressed with '\'.
 class FilesTest : public testing::Test {
  protected:
-  void SetUp() override {
-    native_ = std::filesystem::path(testing::TempDir()) /
-              ("mvcore_files_" + std::to_string(::getpid()) + "_" +
-               testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::remove_all(native_);
-    std::filesystem::create_directories(native_);
-    root_ = native_.string();
-    std::replace(root_.begin(), root_.end(), '/', '\\');
-  }
-  void TearDown() override { std::filesystem::remove_all(native_); }
-
   std::string path(const std::string& name) const { return mv::fs::join(root_, name); }
   void write(const std::string& name, const std::string& contents) const {
-    std::ofstream(native_ / name, std::ios::binary) << contents;
+    folder_.write(name, contents);
   }
   std::string read(const std::string& name) const {
     std::stringstream s;
-    s << std::ifstream(native_ / name, std::ios::binary).rdbuf();
+    s << std::ifstream(folder_ / name, std::ios::binary).rdbuf();
     return s.str();
   }
-
-  std::filesystem::path native_;
-  std::string root_;
+  mvtest::TempFolder folder_{"files"};
+  std::string root_ = [this] {
+    std::string root = folder_.path();
+    std::replace(root.begin(), root.end(), '/', '\\');
+    return root;
+  }();
 };
 
 TEST_F(FilesTest, PathsAndDirectories) {
@@ -147,7 +136,6 @@ TEST_F(FilesTest, PathsAndDirectories) {
                                              {"", "b", "b"}}) {
     EXPECT_EQ(mv::fs::join(folder, name), joined) << folder << " + " << name;
   }
-
   const std::string dir = path("sub");
   EXPECT_FALSE(mv::fs::exists(dir));
   ASSERT_TRUE(mv::fs::createDirectory(dir));
@@ -155,7 +143,6 @@ TEST_F(FilesTest, PathsAndDirectories) {
   EXPECT_FALSE(mv::fs::createDirectory(dir));
   EXPECT_EQ(errno, EEXIST);
   EXPECT_FALSE(mv::fs::createDirectory(path("missing\\child")));
-
   write("sub/file", "x");
   EXPECT_TRUE(mv::fs::exists(dir + "\\file"));
   EXPECT_FALSE(mv::fs::isDirectory(dir + "\\file"));
@@ -181,7 +168,6 @@ TEST_F(FilesTest, CopyKeepsContentsAndTimeAndMoveNeverReplaces) {
   std::time_t t = 0;
   ASSERT_TRUE(mv::fs::lastWriteTime(path("dst.bin"), &t));
   EXPECT_EQ(t, 1'000'000'000);
-
   write("other", "short");
   EXPECT_FALSE(mv::fs::copyFile(path("other"), path("dst.bin"), true));
   EXPECT_EQ(read("dst.bin"), contents);
@@ -194,7 +180,6 @@ TEST_F(FilesTest, CopyKeepsContentsAndTimeAndMoveNeverReplaces) {
     EXPECT_FALSE(mv::fs::copyFile(path(from), path("new"), false)) << from;
     EXPECT_FALSE(mv::fs::exists(path("new"))) << from;
   }
-
   ASSERT_TRUE(mv::fs::moveFile(path("src.bin"), path("moved")));
   EXPECT_FALSE(mv::fs::exists(path("src.bin")));
   EXPECT_FALSE(mv::fs::moveFile(path("moved"), path("other")));
@@ -222,7 +207,6 @@ TEST_F(FilesTest, FindFilesMatchesPatterns) {
                                                        {"*.none", ""},
                                                        {"missing\\*.*", ""}};
   for (const auto& [pattern, found] : cases) EXPECT_EQ(names(pattern), found) << pattern;
-
   const auto all = mv::fs::findFiles(path("*"));
   ASSERT_EQ(all.size(), 5u);
   EXPECT_FALSE(all[1].isDirectory);
@@ -244,12 +228,10 @@ TEST_F(FilesTest, TimesSpaceAndMachine) {
   std::time_t t = 0;
   EXPECT_FALSE(mv::fs::lastWriteTime(path("missing"), &t));
   EXPECT_FALSE(mv::fs::setFileTimes(path("missing"), 0));
-
   std::uint64_t bytes = 0;
   ASSERT_TRUE(mv::fs::freeSpace(root_, &bytes));
   EXPECT_GT(bytes, 0u);
   EXPECT_FALSE(mv::fs::freeSpace(path("missing\\deeper"), &bytes));
-
   const std::string name = mv::fs::computerName();
   EXPECT_FALSE(name.empty());
   EXPECT_LE(name.size(), 259u);

@@ -1,15 +1,12 @@
-// Sessions of the embedded book server over a private data folder, and the texts, records and
-// blocks that cross its interface, built here independently of the library's own encoders so
-// that a shared mistake cannot hide on both sides.
+// Sessions of the embedded book server over a private data folder. Texts, records and blocks are
+// built here independently of the library's encoders, so that a shared mistake cannot hide.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -21,6 +18,7 @@
 #include "platform/wide.h"
 #include "server/core/book_server.h"
 #include "server/core/server_core.h"
+#include "temp_folder.h"
 
 namespace mvtest::server {
 
@@ -35,6 +33,7 @@ struct ReleaseSession {
 using Session = std::unique_ptr<mv::IBookServer, ReleaseSession>;
 using Server = mv::IBookServer;
 using Bytes = std::vector<uint8_t>;
+using Row = std::map<std::string, std::string>;
 
 // A BSTR argument that lives until the end of the full expression using it.
 class In {
@@ -46,7 +45,6 @@ class In {
   mv::Bstr text_;
 };
 
-// An array of variants holding texts, or of `capacity` bytes whose first bytes are `data`.
 struct TextArray : mv::Variant {
   explicit TextArray(const std::vector<std::string>& texts) {
     EXPECT_TRUE(makeArray(MV_VT_VARIANT, static_cast<uint32_t>(texts.size())));
@@ -57,6 +55,7 @@ struct TextArray : mv::Variant {
     }
   }
 };
+// `capacity` bytes whose first `size` are `data`.
 struct ByteBlock : mv::Variant {
   ByteBlock(const uint8_t* data, std::size_t size, std::size_t capacity) {
     EXPECT_TRUE(makeArray(MV_VT_UI1, static_cast<uint32_t>(capacity)));
@@ -65,71 +64,53 @@ struct ByteBlock : mv::Variant {
 };
 
 struct Opened {
-  int32_t status = -1;
-  int32_t rows = -1;
+  int32_t status = -1, rows = -1;
   std::string handle;
 };
-using Row = std::map<std::string, std::string>;
 
-// How a series of upload blocks ends.
-enum class Ending {
-  LastFlag,        // the block with the final bytes says isLast
-  EmptyLastBlock,  // then an empty block says isLast
-  NoLastFlag,      // no block says isLast
-};
+// Where an upload series says isLast: on its final bytes, on an extra empty block, nowhere.
+enum class Ending { LastFlag, EmptyLastBlock, NoLastFlag };
 
 inline std::string utf8(const mv::Bstr& text) { return mv::bstrToUtf8(text.get()); }
 
-// The last failure's text of a session.
 inline std::string lastError(Server& server) {
   mv::Bstr message;
   EXPECT_EQ(server.GetLastError(message.out()), 0);
   return utf8(message);
 }
 
-// "KEY=" name TAB typecode TAB value.
 inline std::string field(std::string_view name, int typecode, std::string_view value) {
   return "KEY=" + std::string(name) + "\t" + std::to_string(typecode) + "\t" + std::string(value);
 }
 
-namespace detail {
-
-// The elements of an answer array, or none with a test failure.
+// The elements of an answer array of `type`; none, with a test failure, for another shape.
 template <typename T, typename Get>
 inline std::vector<T> elements(const VARIANT& v, VARTYPE type, Get get) {
   EXPECT_EQ(v.vt, MV_VT_ARRAY | type);
   if (v.vt != (MV_VT_ARRAY | type) || v.parray == nullptr) return {};
-  EXPECT_EQ(mv::safeArrayElementType(v.parray), type);
   std::vector<T> out;
   for (uint32_t i = 0; i < mv::safeArrayCount(v.parray); ++i) out.push_back(get(v.parray, i));
   return out;
 }
-
 inline const VARIANT& variantAt(SAFEARRAY* a, uint32_t i, VARTYPE type) {
   const VARIANT& e = static_cast<const VARIANT*>(a->pvData)[i];
   EXPECT_EQ(e.vt, type) << "element " << i;
   return e;
 }
-
-}  // namespace detail
-
-// Contents of answer arrays; a test failure when the variant has another shape.
 inline std::vector<std::string> texts(const VARIANT& v) {
-  return detail::elements<std::string>(v, MV_VT_VARIANT, [](SAFEARRAY* a, uint32_t i) {
-    const VARIANT& e = detail::variantAt(a, i, MV_VT_BSTR);
+  return elements<std::string>(v, MV_VT_VARIANT, [](SAFEARRAY* a, uint32_t i) {
+    const VARIANT& e = variantAt(a, i, MV_VT_BSTR);
     return e.vt == MV_VT_BSTR ? mv::bstrToUtf8(e.bstrVal) : "";
   });
 }
-
 inline std::vector<int32_t> ints(const VARIANT& v) {
-  return detail::elements<int32_t>(v, MV_VT_VARIANT, [](SAFEARRAY* a, uint32_t i) {
-    const VARIANT& e = detail::variantAt(a, i, MV_VT_I4);
+  return elements<int32_t>(v, MV_VT_VARIANT, [](SAFEARRAY* a, uint32_t i) {
+    const VARIANT& e = variantAt(a, i, MV_VT_I4);
     return e.vt == MV_VT_I4 ? e.lVal : 0;
   });
 }
-
 inline Bytes bytes(const VARIANT& v) {
-  return detail::elements<uint8_t>(
+  return elements<uint8_t>(
       v, MV_VT_UI1, [](SAFEARRAY* a, uint32_t i) { return static_cast<uint8_t*>(a->pvData)[i]; });
 }
 
@@ -137,16 +118,11 @@ inline Bytes bytes(const VARIANT& v) {
 inline Bytes pattern(std::size_t size, uint32_t seed) {
   Bytes out(size);
   uint32_t x = seed * 2654435761u + 1;
-  for (uint8_t& b : out) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    b = static_cast<uint8_t>(x);
-  }
+  for (uint8_t& b : out) b = static_cast<uint8_t>((x = x * 1103515245u + 12345u) >> 16);
   return out;
 }
 
-// Equal bytes; a failure names the sizes only, as a dump of megabytes helps nobody.
+// A failure names the sizes only: a dump of megabytes helps nobody.
 inline ::testing::AssertionResult sameBytes(const Bytes& actual, const Bytes& expected) {
   if (actual == expected) return ::testing::AssertionSuccess();
   const auto diff = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
@@ -172,7 +148,6 @@ inline int32_t closeTable(Server& server, std::string_view db, std::string_view 
   return server.CloseTable(In(db), In(handle));
 }
 
-// The elements of one row of a handle; the status of GetRecords.
 inline int32_t getRow(Server& server, std::string_view db, std::string_view handle, int32_t row,
                       std::vector<std::string>& elements) {
   mv::Variant value;
@@ -181,7 +156,7 @@ inline int32_t getRow(Server& server, std::string_view db, std::string_view hand
   return status;
 }
 
-// Every row of a query, as column name to value text; a test failure when it does not run.
+// Every row of a query, as column name to value text.
 inline std::vector<Row> select(Server& server, std::string_view db, std::string_view sql) {
   const Opened q = open(server, db, "", sql);
   EXPECT_EQ(q.status, 0) << sql << ": " << lastError(server);
@@ -213,7 +188,7 @@ inline std::string column(Server& server, std::string_view db, std::string_view 
   return out;
 }
 
-// AddRecord (or UpdateRecord of row *key) of TABLENAME=handle and the fields.
+// AddRecord, or UpdateRecord of row *key, of TABLENAME=handle and the fields.
 inline int32_t writeRecord(Server& server, std::string_view db, std::string_view handle,
                            const std::vector<std::string>& fields, int32_t* key,
                            bool update = false) {
@@ -225,7 +200,7 @@ inline int32_t writeRecord(Server& server, std::string_view db, std::string_view
                 : server.AddRecord(In(db), r.get(), count, key);
 }
 
-// Adds one row through a handle of its own; the new key, or -1 with a test failure.
+// The new row's key, or -1 with a test failure.
 inline int32_t addRow(Server& server, std::string_view db, std::string_view table,
                       const std::vector<std::string>& fields) {
   const Opened t = open(server, db, table);
@@ -236,7 +211,7 @@ inline int32_t addRow(Server& server, std::string_view db, std::string_view tabl
   return key;
 }
 
-// Sends `data` in blocks of kBlockSize; the first failing status, or 0.
+// The first failing status, or 0.
 inline int32_t upload(Server& server, std::string_view db, std::string_view handle, int32_t key,
                       std::string_view column, const Bytes& data,
                       Ending ending = Ending::LastFlag) {
@@ -258,11 +233,10 @@ inline int32_t upload(Server& server, std::string_view db, std::string_view hand
   return server.UpLoadData(target.get(), blockNo, 0, empty.get(), 1);
 }
 
-// Reads a blob from block 1 on until the server says it ended or sends no array.
+// Reads from block 1 until the server says the blob ended or sends no array.
 inline int32_t download(Server& server, std::string_view db, std::string_view handle,
                         std::string_view column, int32_t row, Bytes& data) {
   data.clear();
-  // Far more blocks than any blob of these tests needs: a server that never ends fails here.
   for (int32_t blockNo = 1; blockNo <= 1000; ++blockNo) {
     mv::Variant block;
     int32_t isEnd = 0, count = 0;
@@ -297,32 +271,22 @@ inline Bytes storedBlob(Server& server, std::string_view db, std::string_view ta
 // A data folder of its own for every test, a server core over it and a first session.
 class ServerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    folder_ = ::testing::TempDir() + "mvcore-server-" + info->test_suite_name() + "." +
-              info->name() + "-" + std::to_string(::getpid());
-    std::filesystem::remove_all(folder_);
-    reopen();
-  }
+  void SetUp() override { reopen(); }
   void TearDown() override {
     s.reset();
     core.reset();
-    std::error_code ec;
-    std::filesystem::remove_all(folder_, ec);
   }
-
   Session connect() { return Session(new mv::server::BookServer(core)); }
-  const std::string& folder() const { return folder_; }
-  // Ends the first session and the core, then serves the folder anew (a restarted server).
+  const std::string& folder() const { return folder_.path(); }
+  // A restarted server: the first session and the core end, the folder is served anew.
   void reopen() {
     s.reset();
     core.reset();
     std::string error;
-    core = mv::server::ServerCore::open(folder_, {}, error);
+    core = mv::server::ServerCore::open(folder_.path(), {}, error);
     ASSERT_TRUE(core) << error;
     s = connect();
   }
-  // 0, or kStatusMissingDatabase.
   int32_t exists(std::string_view db) {
     int32_t out = 0;
     return s->OpenDatabase(In(db), mv::kOpenTestExists, &out);
@@ -330,12 +294,14 @@ class ServerTest : public ::testing::Test {
   void createBook(const char* db, const char* from = "") {
     ASSERT_EQ(s->CreateBookDatabase(In(from), In(""), In(db)), 0) << lastError(*s);
   }
-
+  std::string tags(const char* db) {
+    return column(*s, db, "SELECT * FROM TagPageTBL ORDER BY T_Index", "TagName");
+  }
   std::shared_ptr<mv::server::ServerCore> core;
   Session s;
 
  private:
-  std::string folder_;
+  TempFolder folder_{"server"};
 };
 
 }  // namespace mvtest::server

@@ -1,7 +1,5 @@
-// Translated statements against SQLite: every statement template the client sends, filled in as
-// the client fills it, prepares against the data model's tables, and the rewrites keep the
-// client's meaning on real rows. Added columns, batches and quoted numbers are checked through
-// the server (tests/server).
+// Every statement template the client sends prepares in SQLite once translated, and the rewrites
+// keep the client's meaning on real rows.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -84,7 +82,6 @@ class TestDb {
     sqlite3_finalize(stmt);
     return values;
   }
-
   std::vector<std::string> tables;  // in data-model order
 
  private:
@@ -173,7 +170,6 @@ TEST(TemplatesTest, EveryTemplateAndSearchFragmentTranslatesToSqliteThatPrepares
   }
   const auto r = translateSql(brackets);
   EXPECT_TRUE(r.ok && r.kind == SqlKind::UpdateBatch && r.statements.empty()) << brackets;
-
   ASSERT_EQ(joiners.size(), 2u);
   ASSERT_GE(fragments.size(), 11u);
   const size_t at = search.find("%s");
@@ -186,7 +182,6 @@ TEST(TemplatesTest, EveryTemplateAndSearchFragmentTranslatesToSqliteThatPrepares
   EXPECT_EQ(translateAndPrepare(db, search.replace(at, 2, all)), "");
 }
 
-// The rewrites keep the client's meaning on real rows.
 TEST(BehaviourTest, ComparisonsKeepTheClientsMeaning) {
   TestDb db;
   db.exec(
