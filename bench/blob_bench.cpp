@@ -15,6 +15,7 @@
 #include "frame/blocks.h"
 #include "frame/exchange.h"
 #include "server/core/book_server.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace {
 
@@ -56,7 +57,8 @@ struct Fixture {
     folder = stdfs::temp_directory_path() / ("mvcore-blob-bench-" + std::to_string(::getpid()));
     stdfs::remove_all(folder);
     mv::IBookServer* s = nullptr;
-    if (mv::server::connectEmbedded(folder.string(), &s) != 0) std::abort();
+    if (mv::server::connectEmbedded(folder.string(), mv::server::openSqliteEngine, &s) != 0)
+      std::abort();
     server.reset(s);
     server->CreateBookDatabase(mv::toWide("").get(), mv::toWide("").get(), db.get());
     int32_t rows = 0;

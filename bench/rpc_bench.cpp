@@ -46,6 +46,7 @@
 #include "frame/exchange.h"
 #include "rpc/remote_book_server.h"
 #include "server/core/book_server.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace {
 
@@ -200,7 +201,8 @@ mv::IBookServer* remoteServer(std::string& error) {
 mv::IBookServer* embeddedServer(std::string& error) {
   if (!run.embedded) {
     mv::IBookServer* s = nullptr;
-    if (mv::server::connectEmbedded(run.embeddedFolder.string(), &s) != 0) {
+    if (mv::server::connectEmbedded(run.embeddedFolder.string(), mv::server::openSqliteEngine,
+                                    &s) != 0) {
       error = "cannot start the embedded server";
       return nullptr;
     }

@@ -26,9 +26,6 @@ int32_t connectServer(std::string_view host, IBookServer** server) {
 
 }  // namespace
 
-void installDefaultServers() {
-  server::ServerCore::setDefaultEngine(server::openSqliteEngine);
-  setDefaultServerFactory(connectServer);
-}
+void installDefaultServers() { setDefaultServerFactory(connectServer); }
 
 }  // namespace mv

@@ -96,13 +96,4 @@ int32_t connectEmbedded(const std::string& folder, const EngineFactory& engine,
       server);
 }
 
-int32_t connectEmbedded(const std::string& folder, IBookServer** server) {
-  return connectTo(
-      folder,
-      [](const std::string& path, std::string& error) {
-        return ServerCore::open(path, InitOptions{}, error);
-      },
-      server);
-}
-
 }  // namespace mv::server

@@ -94,7 +94,5 @@ class BookServer final : public IBookServer {
 // or a failure status with nothing made.
 int32_t connectEmbedded(const std::string& folder, const EngineFactory& engine,
                         IBookServer** server);
-// The same over the program's default engine (ServerCore::setDefaultEngine).
-int32_t connectEmbedded(const std::string& folder, IBookServer** server);
 
 }  // namespace mv::server

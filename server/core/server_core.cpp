@@ -55,40 +55,12 @@ Snapshot read(Database& db, const std::string& sql) {
 
 std::string text(const Value& v) { return v.kind == Value::Kind::Text ? v.text : std::string(); }
 
-struct DefaultEngine {
-  std::mutex mutex;
-  EngineFactory factory;
-};
-
-DefaultEngine& defaultEngine() {
-  static DefaultEngine engine;
-  return engine;
-}
-
 }  // namespace
 
 bool isClientDatabaseName(const std::string& name) {
   if (name.empty() || name.size() > 128 || name[0] == '_') return false;
   return std::all_of(name.begin(), name.end(),
                      [](unsigned char c) { return std::isalnum(c) || c == '_' || c >= 0x80; });
-}
-
-EngineFactory ServerCore::setDefaultEngine(EngineFactory engine) {
-  DefaultEngine& d = defaultEngine();
-  std::lock_guard lock(d.mutex);
-  std::swap(d.factory, engine);
-  return engine;
-}
-
-std::shared_ptr<ServerCore> ServerCore::open(const std::string& folder, const InitOptions& init,
-                                             std::string& error) {
-  EngineFactory engine;
-  {
-    DefaultEngine& d = defaultEngine();
-    std::lock_guard lock(d.mutex);
-    engine = d.factory;
-  }
-  return open(folder, init, engine, error);
 }
 
 std::shared_ptr<ServerCore> ServerCore::open(const std::string& folder, const InitOptions& init,

@@ -28,12 +28,6 @@ class ServerCore {
   // the initial databases.
   static std::shared_ptr<ServerCore> open(const std::string& folder, const InitOptions& init,
                                           const EngineFactory& engine, std::string& error);
-  // The same with the program's default engine (setDefaultEngine).
-  static std::shared_ptr<ServerCore> open(const std::string& folder, const InitOptions& init,
-                                          std::string& error);
-  // The engine open() takes when given none: the program's entry installs it, as the core knows
-  // no engine of its own. Returns the previous one.
-  static EngineFactory setDefaultEngine(EngineFactory engine);
   ~ServerCore();
 
   StorageEngine& engine() { return *engine_; }

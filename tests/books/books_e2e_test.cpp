@@ -16,6 +16,7 @@
 #include "live_server.h"
 #include "rpc/remote_book_server.h"
 #include "server/core/book_server.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace mvtest {
 namespace {
@@ -132,8 +133,9 @@ TEST_P(BooksEndToEnd, ABookIsMadeChangedDiscardedBroughtBackAndEndedPieceByPiece
 
   // Another client's mutex or a missing permission stops a deletion.
   mv::IBookServer* other = nullptr;
-  ASSERT_EQ(remote() ? mv::rpc::connectRemote(host(), &other)
-                     : mv::server::connectEmbedded(dataFolder(), &other),
+  ASSERT_EQ(remote()
+                ? mv::rpc::connectRemote(host(), &other)
+                : mv::server::connectEmbedded(dataFolder(), mv::server::openSqliteEngine, &other),
             0);
   ASSERT_EQ(other->SetMutex(mv::toWide(std::to_string(id)).get(), 1), 0);
   EXPECT_EQ(MVDeleteBook(site, id, "admin"), -1);

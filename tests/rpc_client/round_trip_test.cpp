@@ -17,6 +17,7 @@
 #include "rpc/remote_book_server.h"
 #include "server/core/book_server.h"
 #include "server/core/server_core.h"
+#include "server/sqlite/sqlite_engine.h"
 #include "temp_folder.h"
 #include "utf8.h"
 
@@ -264,7 +265,7 @@ class RoundTrip : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    core_ = mv::server::ServerCore::open(folder_.path(), {}, error);
+    core_ = mv::server::ServerCore::open(folder_.path(), {}, mv::server::openSqliteEngine, error);
     ASSERT_TRUE(core_) << error;
     mv::rpc::ServeOptions options;
     options.core = core_;
@@ -388,7 +389,7 @@ TEST_F(RoundTrip, NullPointersStayNullAtBothEnds) {
 TEST(NullPointers, TheServerAnswersEveryMethodWithoutWritingThroughThem) {
   TempFolder folder("nulls");
   std::string error;
-  auto core = mv::server::ServerCore::open(folder.path(), {}, error);
+  auto core = mv::server::ServerCore::open(folder.path(), {}, mv::server::openSqliteEngine, error);
   ASSERT_TRUE(core) << error;
   auto* session = new mv::server::BookServer(core);
   const mv::Bstr system(u"MarvekSystemCommonDB"), book(u"NullBook"), empty(u""),

@@ -12,6 +12,7 @@
 #include "frame/server_methods.h"
 #include "rpc/convert.h"
 #include "rpc/daemon.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace mvtest::rpc {
 namespace {
@@ -161,7 +162,8 @@ TEST(Gate, RefusalsWaitTheirDelayOneAtATime) {
   TempFolder folder("gate");
   std::string error;
   mv::rpc::GateServer::Shared shared;
-  shared.core = mv::server::ServerCore::open(folder.path(), {}, error);
+  shared.core =
+      mv::server::ServerCore::open(folder.path(), {}, mv::server::openSqliteEngine, error);
   ASSERT_TRUE(shared.core) << error;
   shared.tokens = std::make_shared<mv::rpc::Tokens>(std::vector<std::string>{"s3cret"});
   std::string log;

@@ -16,6 +16,7 @@
 #include "rpc/convert.h"
 #include "rpc/daemon.h"
 #include "rpc_test_client.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace mvtest::rpc {
 namespace {
@@ -37,7 +38,7 @@ class InProcessDaemon : public ::testing::Test {
 
   void SetUp() override {
     std::string error;
-    core_ = mv::server::ServerCore::open(folder_.path(), {}, error);
+    core_ = mv::server::ServerCore::open(folder_.path(), {}, mv::server::openSqliteEngine, error);
     ASSERT_TRUE(core_) << error;
     mv::rpc::ServeOptions options;
     options.core = core_;

@@ -18,6 +18,7 @@
 #include "platform/wide.h"
 #include "server/core/book_server.h"
 #include "server/core/server_core.h"
+#include "server/sqlite/sqlite_engine.h"
 #include "temp_folder.h"
 
 namespace mvtest::server {
@@ -283,7 +284,7 @@ class ServerTest : public ::testing::Test {
     s.reset();
     core.reset();
     std::string error;
-    core = mv::server::ServerCore::open(folder_.path(), {}, error);
+    core = mv::server::ServerCore::open(folder_.path(), {}, mv::server::openSqliteEngine, error);
     ASSERT_TRUE(core) << error;
     s = connect();
   }

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "book_server_session.h"
+#include "server/sqlite/sqlite_engine.h"
 
 namespace mvtest::server {
 namespace {
@@ -59,7 +60,8 @@ TEST_F(StorageTest, AFreshFolderHoldsTheCommonDatabasesAnAdministratorAndTheDisc
 
   // One core serves the folder at a time; a restart finds it as it was left.
   std::string error;
-  EXPECT_EQ(mv::server::ServerCore::open(folder(), {}, error), nullptr);
+  EXPECT_EQ(mv::server::ServerCore::open(folder(), {}, mv::server::openSqliteEngine, error),
+            nullptr);
   EXPECT_FALSE(error.empty());
   createBook(kBook);
   reopen();
