@@ -29,13 +29,6 @@ class ContentsRecorded : public ServerFixture {
     MVSetCodePage("CP932");
     ServerFixture::TearDown();
   }
-  // The argument `arg` of every call of `method`, in order.
-  std::vector<std::string> args(const std::string& method, std::size_t arg) const {
-    std::vector<std::string> out;
-    for (const Call& c : server->calls)
-      if (c.method == method) out.push_back(c.args.at(arg));
-    return out;
-  }
   RecordingServer* server = nullptr;
 };
 

@@ -103,18 +103,18 @@ TEST_F(ImagesRecorded, InsertWritesTheRowCutTheBytesAndTheFileDate) {
   EXPECT_EQ(server->methods(), Methods({"OpenDatabase", "OpenTable", "AddRecord", "UpLoadData",
                                         "ImageFileDate", "CloseTable", "CloseDatabase"}));
   EXPECT_THAT(
-      args("AddRecord", 1),
+      server->argsOf("AddRecord", 1),
       ElementsAre("[TABLENAME=H1|KEY=T_Index\t1\t0|KEY=TagID\t1\t3|KEY=Up_DateCounter\t1"
                   "\t0|KEY=Attribute\t1\t5|KEY=ImageDataInfo\t2\t" +
                   std::string(239, 'i') + "|KEY=Various\t2\t" + std::string(245, 'v') + "]"));
   double expected = 0;
   ASSERT_TRUE(mv::systemTimeToOleDate(mv::toLocalSystemTime(when), &expected));
   EXPECT_DOUBLE_EQ(server->fileDate, expected);
-  EXPECT_THAT(args("ImageFileDate", 2), ElementsAre("1"));
+  EXPECT_THAT(server->argsOf("ImageFileDate", 2), ElementsAre("1"));
 
   ImageInfoRecord plain{};  // the wrapper sends an empty Various
   ASSERT_EQ(MVInsertImageData(kDb, 3, &plain, path.c_str()), 0);
-  EXPECT_THAT(args("AddRecord", 1).back(), HasSubstr("KEY=Various\t2\t]"));
+  EXPECT_THAT(server->argsOf("AddRecord", 1).back(), HasSubstr("KEY=Various\t2\t]"));
 
   // A missing file is made empty and sent as one empty block.
   server->calls.clear();
@@ -179,8 +179,9 @@ TEST_F(ImagesRecorded, UpdateWritesCounterAndAttributeAfterTheBytesAndTheDate) {
   EXPECT_EQ(server->methods(),
             Methods({"OpenDatabase", "OpenTableEx", "UpLoadData", "ImageFileDate", "UpdateRecord",
                      "CloseTable", "CloseDatabase"}));
-  EXPECT_THAT(args("OpenTableEx", 2), ElementsAre("SELECT * FROM ImageDataTBL WHERE T_Index = 7"));
-  EXPECT_THAT(args("UpdateRecord", 1),
+  EXPECT_THAT(server->argsOf("OpenTableEx", 2),
+              ElementsAre("SELECT * FROM ImageDataTBL WHERE T_Index = 7"));
+  EXPECT_THAT(server->argsOf("UpdateRecord", 1),
               ElementsAre("[TABLENAME=H1|KEY=Up_DateCounter\t1\t9|KEY=Attribute\t1\t2]"));
   // A failed date fails before the row is written; a missing row fails with code 0.
   server->calls.clear();
@@ -248,7 +249,7 @@ TEST_F(ImagesRecorded, ListsAreUnlockedBlocksAndAFailedRowLeavesTheBlockAlone) {
   EXPECT_THAT(std::vector<std::string>(
                   {records[0].ImageDataInfo, records[0].Various, records[1].ImageDataInfo}),
               ElementsAre("a.tif", "v1", std::string(255, 'x')));
-  EXPECT_THAT(args("OpenTableEx", 2),
+  EXPECT_THAT(server->argsOf("OpenTableEx", 2),
               ElementsAre("SELECT T_Index,Up_DateCounter,ImageDataInfo,Attribute,Various FROM "
                           "ImageDataTBL WITH (NOLOCK) WHERE TagID = 3"));
   block = reinterpret_cast<MVHGLOBAL>(0x1);
@@ -272,7 +273,7 @@ TEST_F(ImagesRecorded, AHeldHandleAndDatabaseSaveCallsButTheSettersOpenTheirOwn)
   ImageInfoRecordEX info{};
   ASSERT_EQ(insert(path, &info), 0);
   EXPECT_EQ(server->methods(), Methods({"AddRecord", "UpLoadData", "ImageFileDate"}));
-  EXPECT_THAT(args("AddRecord", 1).at(0), HasSubstr(std::string("TABLENAME=") + handle));
+  EXPECT_THAT(server->argsOf("AddRecord", 1).at(0), HasSubstr(std::string("TABLENAME=") + handle));
   // The electronic-delivery insert never writes through the held handle.
   server->calls.clear();
   ASSERT_EQ(MVInsertELImageDataEX(kDb, &info, path.c_str(), 4), 0);
@@ -286,8 +287,9 @@ TEST_F(ImagesRecorded, AHeldHandleAndDatabaseSaveCallsButTheSettersOpenTheirOwn)
   ASSERT_EQ(MVSetImageVariousData(kDb, 7, "note"), 0);
   EXPECT_EQ(server->count("OpenDatabase"), 2);
   EXPECT_EQ(server->count("CloseDatabase"), 2);
-  EXPECT_THAT(args("UpdateRecord", 1), ElementsAre("[TABLENAME=H3|KEY=Up_DateCounter\t1\t12]",
-                                                   "[TABLENAME=H4|KEY=Various\t2\tnote]"));
+  EXPECT_THAT(server->argsOf("UpdateRecord", 1),
+              ElementsAre("[TABLENAME=H3|KEY=Up_DateCounter\t1\t12]",
+                          "[TABLENAME=H4|KEY=Various\t2\tnote]"));
   server->calls.clear();  // the getter leaves the held database alone
   server->queueResult({{"KEY=Up_DateCounter\t1\t12"}});
   int32_t counter = 0;
@@ -302,7 +304,7 @@ TEST_F(ImagesRecorded, ElectronicRowsCarryTagZeroAndTheirGroupAndNullArgumentsAr
   info.Attribute = 1;
   ASSERT_EQ(MVInsertELImageData(kDb, &info, path.c_str(), 42), 0);
   EXPECT_EQ(info.T_Index, 100);
-  EXPECT_THAT(args("AddRecord", 1),
+  EXPECT_THAT(server->argsOf("AddRecord", 1),
               ElementsAre("[TABLENAME=H1|KEY=T_Index\t1\t0|KEY=TagID\t1\t0|KEY=Up_DateCounter\t1"
                           "\t0|KEY=Attribute\t1\t1|KEY=GroupNo\t1\t42|KEY=ImageDataInfo\t2\t|"
                           "KEY=Various\t2\t]"));
@@ -310,7 +312,7 @@ TEST_F(ImagesRecorded, ElectronicRowsCarryTagZeroAndTheirGroupAndNullArgumentsAr
   MVHGLOBAL block = nullptr;
   int32_t count = 0;
   EXPECT_EQ(MVGetELImageInfo(kDb, &block, &count), 0);
-  EXPECT_EQ(args("OpenTableEx", 2).back(),
+  EXPECT_EQ(server->argsOf("OpenTableEx", 2).back(),
             "SELECT T_Index,Up_DateCounter,ImageDataInfo,Attribute FROM ImageDataTBL WITH "
             "(NOLOCK) WHERE GroupNo = 9999");
   server->calls.clear();  // null arguments fail without a server call

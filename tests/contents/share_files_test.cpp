@@ -162,8 +162,9 @@ TEST_F(ShareRecorded, DeletesTakeAFileFromBothFoldersAndATagsRowsBeforeItsFolder
       server->methods(),
       ElementsAre("OpenDatabase", "OpenNetShare", "OpenTableEx", "DeleteRecord", "CloseTable",
                   "OpenTableEx", "DeleteRecord", "CloseTable", "CloseNetShare", "CloseDatabase"));
-  EXPECT_THAT(args("OpenTableEx", 2), ElementsAre("SELECT * FROM TagPageTBL WHERE (T_Index=12)",
-                                                  "SELECT * FROM TagDispTBL WHERE (TagID=12)"));
+  EXPECT_THAT(server->argsOf("OpenTableEx", 2),
+              ElementsAre("SELECT * FROM TagPageTBL WHERE (T_Index=12)",
+                          "SELECT * FROM TagDispTBL WHERE (TagID=12)"));
   EXPECT_EQ(server->calls[6].args[2], "34");
 }
 

@@ -36,7 +36,7 @@ TEST_F(TagsRecorded, CreateWritesThePageThenItsDisplayRowAndAFailureLeavesTheFir
   ASSERT_EQ(MVCreateTag(kDb, sampleInfo(), 55, &tagIndex, &dispIndex), 0);
   EXPECT_EQ(tagIndex, 100);
   EXPECT_EQ(dispIndex, 101);
-  const auto records = args("AddRecord", 1);
+  const auto records = server->argsOf("AddRecord", 1);
   ASSERT_EQ(records.size(), 2u);
   EXPECT_THAT(records[0], ::testing::StartsWith("[TABLENAME=H1|KEY=T_Index\t1\t0|KEY=Up_DateCounter"
                                                 "\t1\t0|KEY=TagName\t2\tPiers|"));
@@ -157,7 +157,7 @@ TEST_F(TagsRecorded, RenameOrderAndDeleteGoRowByRowAndStopAtTheFirstFailure) {
     EXPECT_EQ(server->count("CloseTable"), server->count("OpenTableEx"));
     EXPECT_EQ(server->methods().back(), "CloseDatabase");
     if (c.deletes.size() == 3) {
-      EXPECT_THAT(args("OpenTableEx", 2),
+      EXPECT_THAT(server->argsOf("OpenTableEx", 2),
                   ElementsAre("SELECT * FROM TagPageTBL WHERE (T_Index=10)",
                               "SELECT * FROM TagDispTBL WHERE (TagID=10)",
                               "SELECT * FROM ImageDataTBL WITH (NOLOCK) WHERE (TagID=10)"));
@@ -180,7 +180,7 @@ TEST_F(TagsRecorded, PageReadsLeaveWhatTheRowLacksAndWritesSendTheirOneElementCu
   std::string option;  // longer than its field: cut to 255 bytes at a character boundary
   for (int i = 0; i < 90; ++i) option += "あ";
   ASSERT_EQ(MVChangeAppParam(kDb, 10, option.c_str()), 0);
-  EXPECT_THAT(args("UpdateRecord", 1),
+  EXPECT_THAT(server->argsOf("UpdateRecord", 1),
               ElementsAre("[TABLENAME=H3|KEY=TagAplOption\t2\t" + option.substr(0, 255) + "]"));
   // A missing display row: the page is rewritten, -1 with lastError 0.
   server->calls.clear();

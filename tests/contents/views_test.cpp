@@ -28,7 +28,7 @@ TEST_F(ViewsRecorded, AnAddMakesAMissingTableRefusesAnExistingKeyAndStoresTheNew
   EXPECT_EQ(mv::connection().lastError, 0);
   EXPECT_EQ(server->calls.at(1).args.at(2), "SELECT * FROM ViewAttributeTBL WHERE T_Index='0'");
   EXPECT_EQ(server->calls.at(2).text(), "CreateTable(MarvekSystemCommonDB, ViewAttributeTBL, 32)");
-  EXPECT_THAT(args("AddRecord", 1),
+  EXPECT_THAT(server->argsOf("AddRecord", 1),
               ElementsAre("[TABLENAME=H1|KEY=T_Index\t1\t0|KEY=AttributeName\t2\tSpan|"
                           "KEY=AttributeType\t1\t2|KEY=OfferInfo\t1\t0|KEY=ELLinkID\t1\t9]"));
   // The key exists: 126, nothing added, all closed; the record keeps its key.
@@ -150,7 +150,7 @@ TEST_F(ViewsRecorded, TagAttributesFollowTheFamilyOnTheBookAndReturnMinusOne) {
   ASSERT_EQ(MVAddTagAttribute("BOOK1", &value), 0);
   EXPECT_EQ(value.T_Index, 300);
   EXPECT_EQ(server->calls.at(2).text(), "CreateTable(BOOK1, TagAttributeTBL, 36)");
-  EXPECT_THAT(args("AddRecord", 1),
+  EXPECT_THAT(server->argsOf("AddRecord", 1),
               ElementsAre("[TABLENAME=H1|KEY=T_Index\t1\t0|KEY=TagPageID\t1\t10|"
                           "KEY=ViewAttributeID\t1\t40|KEY=Value\t2\t12.5m]"));
   ASSERT_EQ(MVOpenDBEx("BOOK1"), 0);  // held: no database calls; an existing key: -1 and 126
@@ -178,7 +178,8 @@ TEST_F(ViewsRecorded, TagAttributesFollowTheFamilyOnTheBookAndReturnMinusOne) {
   EXPECT_EQ(count, 1);
   EXPECT_STREQ(list[0].Value, "12.5m");
   EXPECT_EQ(mv::connection().lastError, 0);
-  EXPECT_EQ(args("ExecuteQuery", 2).back(), "SELECT * FROM TagAttributeTBL WHERE TagPageID='10'");
+  EXPECT_EQ(server->argsOf("ExecuteQuery", 2).back(),
+            "SELECT * FROM TagAttributeTBL WHERE TagPageID='10'");
 
   // A missing table fails the list and the delete with the server's code and makes nothing.
   server->calls.clear();

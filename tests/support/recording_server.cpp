@@ -75,6 +75,14 @@ int RecordingServer::count(const std::string& method) const {
       std::count_if(calls.begin(), calls.end(), [&](const Call& c) { return c.method == method; }));
 }
 
+std::vector<std::string> RecordingServer::argsOf(const std::string& method, std::size_t arg) const {
+  std::vector<std::string> out;
+  for (const Call& c : calls) {
+    if (c.method == method) out.push_back(c.args.at(arg));
+  }
+  return out;
+}
+
 std::string RecordingServer::log() const {
   std::string s;
   for (const Call& c : calls) s += c.text() + "\n";

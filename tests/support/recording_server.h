@@ -70,6 +70,8 @@ class RecordingServer final : public mv::ForwardingServer {
 
   std::vector<std::string> methods() const;  // the method names in call order
   int count(const std::string& method) const;
+  // Argument `arg` of every call of `method`, in call order.
+  std::vector<std::string> argsOf(const std::string& method, std::size_t arg) const;
   // The calls rendered with text(), one per line: handy in failure messages.
   std::string log() const;
 

@@ -54,12 +54,6 @@ class UsersTest : public ServerFixture {
   void queueAdmin(int id) {
     server->queueResult(id ? Rows{user(id, "admin", "admin", 0)} : Rows{});
   }
-  std::vector<std::string> args(const std::string& method, std::size_t arg) const {
-    std::vector<std::string> out;
-    for (const Call& c : server->calls)
-      if (c.method == method) out.push_back(c.args.at(arg));
-    return out;
-  }
 
   RecordingServer* server = nullptr;
   std::vector<Shown> shown;
@@ -260,10 +254,10 @@ TEST_F(UsersTest, SetPowerUpdatesARowThatExistsAndAddsOneOtherwiseKeepingItsOwnS
   server->queueResult({UsersTest::power(7, 5, "0")});
   ASSERT_EQ(power.setPower(7, 5, 1), 1);
   ASSERT_EQ(power.setPower(7, 5, 2), 1);
-  EXPECT_THAT(args("ExecuteSQL", 1),
+  EXPECT_THAT(server->argsOf("ExecuteSQL", 1),
               ElementsAre("UPDATE BookShelfPowerTBL SET Reserve='1' WHERE BookShelfID='7' AND "
                           "UserID='5'"));
-  EXPECT_THAT(args("AddRecord", 1),
+  EXPECT_THAT(server->argsOf("AddRecord", 1),
               ElementsAre("[TABLENAME=H3|KEY=BookShelfID\t1\t7|KEY=UserID\t1\t5|"
                           "KEY=Reserve\t2\t2]"));
   mv::connection().lastError = 0;
@@ -329,7 +323,7 @@ TEST_F(UsersTest, ABookHasTheValueOfTheFirstOfAtMostTwentyShelvesAndAUserLosesIt
   int32_t value = -9;
   ASSERT_EQ(MVGetUserPermissionOfBook(42, "taro", &value), 0);
   EXPECT_EQ(value, 0);
-  EXPECT_THAT(args("ExecuteQuery", 2),
+  EXPECT_THAT(server->argsOf("ExecuteQuery", 2),
               ::testing::Contains("SELECT BookShelfID FROM BookShelfInfoTBL WHERE BookID='42'"));
   EXPECT_EQ(server->count("GetRecords"), 2 + 20 + 1);
   EXPECT_THAT(server->calls.at(31).text(), HasSubstr("BookShelfID='30' AND UserID='5'"));
