@@ -36,11 +36,6 @@ int32_t BookServer::UpLoadData(VARIANT* record, int32_t blockNo, int32_t bytes, 
   static constexpr uint8_t kNoBytes = 0;
   const uint8_t* data = nullptr;
   if (blockBytes(block, bytes, &data) && data == nullptr) data = &kNoBytes;
-  return upLoadBytes(record, blockNo, data, bytes, isLast);
-}
-
-int32_t BookServer::upLoadBytes(VARIANT* record, int32_t blockNo, const uint8_t* data,
-                                int32_t bytes, int32_t isLast) {
   std::vector<std::string> parts;
   if (!arrayTexts(record, parts) || parts.size() < 4) {
     return fail(kBadArgument, "ブロックの宛先が正しくありません");

@@ -25,12 +25,6 @@ class BookServer final : public IBookServer {
 
   MV_SERVER_METHOD_OVERRIDES
 
-  // UpLoadData over bytes the caller holds: the network stub passes a received block as it lies
-  // in the message instead of copying it into an array. `data` is null when the block is
-  // missing or holds fewer than `bytes` bytes.
-  int32_t upLoadBytes(VARIANT* record, int32_t blockNo, const uint8_t* data, int32_t bytes,
-                      int32_t isLast);
-
  private:
   struct Handle {
     std::string db;

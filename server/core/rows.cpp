@@ -213,12 +213,10 @@ int32_t BookServer::writeRecord(BSTR dbName, VARIANT* record, bool add, int32_t*
 }
 
 int32_t BookServer::AddRecord(BSTR dbName, VARIANT* record, int32_t, int32_t* newIndex) {
-  if (const int32_t pending = settle(); pending != kOk) return pending;
   return writeRecord(dbName, record, true, newIndex);
 }
 
 int32_t BookServer::UpdateRecord(BSTR dbName, VARIANT* record, int32_t, int32_t* tIndex) {
-  if (const int32_t pending = settle(); pending != kOk) return pending;
   return writeRecord(dbName, record, false, tIndex);
 }
 
