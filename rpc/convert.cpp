@@ -21,13 +21,6 @@ BSTR toBstr(capnp::Data::Reader bytes) {
 
 namespace {
 
-// The BSTR at `i` of an array of BSTRs or of variants; null for anything else.
-BSTR textAt(const SAFEARRAY* a, VARTYPE type, uint32_t i) {
-  if (type == MV_VT_BSTR) return static_cast<BSTR*>(a->pvData)[i];
-  const VARIANT& e = static_cast<const VARIANT*>(a->pvData)[i];
-  return e.vt == MV_VT_BSTR ? e.bstrVal : nullptr;
-}
-
 bool isArrayOf(const VARIANT* v, VARTYPE element) {
   return v != nullptr && (v->vt & MV_VT_ARRAY) != 0 && v->parray != nullptr &&
          safeArrayElementType(v->parray) == element;
@@ -37,13 +30,11 @@ bool isTextArray(const VARIANT* v) {
   return isArrayOf(v, MV_VT_BSTR) || isArrayOf(v, MV_VT_VARIANT);
 }
 
-uint32_t textCount(const VARIANT* v) { return isTextArray(v) ? safeArrayCount(v->parray) : 0; }
-
 // An array of texts into a list made with textCount() elements; a non-text element travels as
 // an empty text.
 void copyTexts(const VARIANT* v, capnp::List<capnp::Data>::Builder list) {
   for (uint32_t i = 0; i < list.size(); ++i) {
-    list.set(i, bytesOf(textAt(v->parray, safeArrayElementType(v->parray), i)));
+    list.set(i, bytesOf(textAt(v, i)));
   }
 }
 
@@ -161,6 +152,20 @@ bool isVariantOut(ArgKind kind) {
 
 }  // namespace
 
+uint32_t textCount(const VARIANT* v) { return isTextArray(v) ? safeArrayCount(v->parray) : 0; }
+
+BSTR textAt(const VARIANT* v, uint32_t i) {
+  if (i >= textCount(v)) return nullptr;
+  if (safeArrayElementType(v->parray) == MV_VT_BSTR)
+    return static_cast<BSTR*>(v->parray->pvData)[i];
+  const VARIANT& e = static_cast<const VARIANT*>(v->parray->pvData)[i];
+  return e.vt == MV_VT_BSTR ? e.bstrVal : nullptr;
+}
+
+std::string describeWire(uint32_t wire, uint64_t methods) {
+  return "wire " + std::to_string(wire) + " with methods " + std::to_string(methods);
+}
+
 bool fits(ArgKind kind, Arg::Reader arg, bool request) {
   const Arg::Which w = arg.which();
   if (!request && isInOnly(kind)) return w == Arg::ABSENT;
@@ -267,9 +272,7 @@ std::size_t rowBytes(const VARIANT* row) {
   std::size_t total = 0;
   for (uint32_t i = 0; i < textCount(row); ++i) {
     // Each text also costs its list pointer and padding; 16 bytes covers both.
-    total += MVSysStringLen(textAt(row->parray, safeArrayElementType(row->parray), i)) *
-                 sizeof(OLECHAR) +
-             16;
+    total += MVSysStringLen(textAt(row, i)) * sizeof(OLECHAR) + 16;
   }
   return total;
 }

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "MVCore.h"
 #include "frame/server_methods.h"
@@ -33,6 +34,14 @@ inline constexpr int32_t kStatusOutOfMemory = static_cast<int32_t>(0x8007000Eu);
 capnp::Data::Reader bytesOf(BSTR text);
 // A new BSTR (the caller's) from UTF-16LE bytes; an odd trailing byte is dropped.
 BSTR toBstr(capnp::Data::Reader bytes);
+
+// How many texts an array of texts (BSTRs or variants holding them) has: 0 for anything else.
+uint32_t textCount(const VARIANT* v);
+// Its text `i`; null for a non-text element or past the end.
+BSTR textAt(const VARIANT* v, uint32_t i);
+
+// "wire W with methods M", for the refusals of a login on either end.
+std::string describeWire(uint32_t wire, uint64_t methods);
 
 // Whether an argument has a shape its kind may take, going in (`request`) or coming back.
 bool fits(ArgKind kind, Arg::Reader arg, bool request);

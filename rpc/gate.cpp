@@ -79,10 +79,9 @@ kj::Promise<void> GateServer::answer(LoginContext context) {
     results.setWire(kWireFormat);
     results.setMethods(serverMethodsSignature());
     if (params.getWire() != kWireFormat || params.getMethods() != serverMethodsSignature()) {
-      const std::string why = "the client speaks wire " + std::to_string(params.getWire()) +
-                              " with methods " + std::to_string(params.getMethods()) +
-                              ", this daemon wire " + std::to_string(kWireFormat) +
-                              " with methods " + std::to_string(serverMethodsSignature());
+      const std::string why =
+          "the client speaks " + describeWire(params.getWire(), params.getMethods()) +
+          ", this daemon " + describeWire(kWireFormat, serverMethodsSignature());
       if (shared_.log) shared_.log("login refused for " + peer_ + ": " + why);
       // A client from before the wire had versions cannot read the answer's; it is told why in
       // the exception. A later one reads the versions and reports them itself.

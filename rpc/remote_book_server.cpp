@@ -31,20 +31,11 @@ T argAt(std::span<const ArgRef> args, std::size_t i) {
 template <typename Each>
 void namedHandles(const VARIANT* record, Each&& each) {
   static constexpr std::u16string_view kPrefix = u"TABLENAME=";
-  if (record == nullptr || (record->vt & MV_VT_ARRAY) == 0 || record->parray == nullptr) return;
-  const VARTYPE type = safeArrayElementType(record->parray);
-  for (uint32_t i = 0; i < safeArrayCount(record->parray); ++i) {
-    BSTR text = nullptr;
-    if (type == MV_VT_BSTR) text = static_cast<BSTR*>(record->parray->pvData)[i];
-    if (type == MV_VT_VARIANT) {
-      const VARIANT& e = static_cast<const VARIANT*>(record->parray->pvData)[i];
-      if (e.vt == MV_VT_BSTR) text = e.bstrVal;
-    }
+  for (uint32_t i = 0; i < textCount(record); ++i) {
+    const BSTR text = textAt(record, i);
     const std::u16string_view view(text != nullptr ? text : u"", MVSysStringLen(text));
-    if (view.starts_with(kPrefix)) {
-      const std::u16string_view handle = view.substr(kPrefix.size());
-      each(std::string(reinterpret_cast<const char*>(handle.data()), handle.size() * 2));
-    }
+    if (view.starts_with(kPrefix))
+      each(key(bytesOf(text).slice(kPrefix.size() * 2, view.size() * 2)));
   }
 }
 

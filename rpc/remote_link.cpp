@@ -276,10 +276,8 @@ int32_t RemoteLink::connect(std::string& error) {
         timer.timeoutAt(deadline, kj::Promise<capnp::Response<::Gate::LoginResults>>(login.send()))
             .wait(waitScope());
     if (answer.getWire() != kWireFormat || answer.getMethods() != serverMethodsSignature()) {
-      error = "the daemon speaks wire " + std::to_string(answer.getWire()) + " with methods " +
-              std::to_string(answer.getMethods()) + ", the library wire " +
-              std::to_string(kWireFormat) + " with methods " +
-              std::to_string(serverMethodsSignature());
+      error = "the daemon speaks " + describeWire(answer.getWire(), answer.getMethods()) +
+              ", the library " + describeWire(kWireFormat, serverMethodsSignature());
       shutdown();
       return kStatusWireMismatch;
     }

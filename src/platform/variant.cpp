@@ -104,12 +104,14 @@ extern "C" MVAPI int32_t MVVariantClear(VARIANT* v) {
 
 namespace mv {
 
-SAFEARRAY* safeArrayCreateVector(VARTYPE elementType, int32_t lowerBound, uint32_t count) {
-  const std::size_t size = elementSize(elementType);
-  if (size == 0 || count > kMaxElements) return nullptr;
-  if (count > (SIZE_MAX - sizeof(ArrayBlock)) / size) return nullptr;
+namespace {
+
+// A block of `extra` bytes after its header, the header filled in for `count` elements of
+// `elementType` at `data` (the block's own bytes when null).
+SAFEARRAY* newArray(VARTYPE elementType, std::size_t extra, void* data, int32_t lowerBound,
+                    uint32_t count) {
   // calloc zero-fills, which is an empty VARIANT and a null BSTR as well as a zero byte.
-  void* memory = std::calloc(1, sizeof(ArrayBlock) + size * count);
+  void* memory = std::calloc(1, sizeof(ArrayBlock) + extra);
   if (memory == nullptr) return nullptr;
   auto* block = new (memory) ArrayBlock{};
   block->elementType = elementType;
@@ -118,27 +120,25 @@ SAFEARRAY* safeArrayCreateVector(VARTYPE elementType, int32_t lowerBound, uint32
   array.fFeatures = kFeatureHaveVarType;
   if (elementType == MV_VT_BSTR) array.fFeatures |= kFeatureBstr;
   if (elementType == MV_VT_VARIANT) array.fFeatures |= kFeatureVariant;
-  array.cbElements = static_cast<uint32_t>(size);
-  array.cLocks = 0;
-  array.pvData = static_cast<char*>(memory) + sizeof(ArrayBlock);
+  array.cbElements = static_cast<uint32_t>(elementSize(elementType));
+  array.pvData = data != nullptr ? data : static_cast<char*>(memory) + sizeof(ArrayBlock);
   array.rgsabound[0].cElements = count;
   array.rgsabound[0].lLbound = lowerBound;
   return &array;
 }
 
+}  // namespace
+
+SAFEARRAY* safeArrayCreateVector(VARTYPE elementType, int32_t lowerBound, uint32_t count) {
+  const std::size_t size = elementSize(elementType);
+  if (size == 0 || count > kMaxElements) return nullptr;
+  if (count > (SIZE_MAX - sizeof(ArrayBlock)) / size) return nullptr;
+  return newArray(elementType, size * count, nullptr, lowerBound, count);
+}
+
 SAFEARRAY* safeArrayCreateView(uint8_t* data, uint32_t count) {
   // The header alone: destroying the array frees its block, which holds no elements.
-  void* memory = std::calloc(1, sizeof(ArrayBlock));
-  if (memory == nullptr) return nullptr;
-  auto* block = new (memory) ArrayBlock{};
-  block->elementType = MV_VT_UI1;
-  SAFEARRAY& array = block->array;
-  array.cDims = 1;
-  array.fFeatures = kFeatureHaveVarType;
-  array.cbElements = 1;
-  array.pvData = data;
-  array.rgsabound[0].cElements = count;
-  return &array;
+  return newArray(MV_VT_UI1, 0, data, 0, count);
 }
 
 int32_t safeArrayDestroy(SAFEARRAY* array) {

@@ -32,11 +32,13 @@ class BooksEndToEnd : public LiveServerTest {
   void SetUp() override {
     LiveServerTest::SetUp();
     if (HasFatalFailure()) return;
+    MVSetCodePage("UTF-8");
     catchMessages(&shown);
     ASSERT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
   }
   void TearDown() override {
     releaseMessages();
+    MVSetCodePage("CP932");
     LiveServerTest::TearDown();
   }
   int32_t shelf(const char* name) {
@@ -95,11 +97,6 @@ class BooksEndToEnd : public LiveServerTest {
     for (int32_t i = 0; i < count; ++i) names.emplace_back(list[i].SiteName);
     if (list != nullptr) MVGlobalFree(MVGlobalHandle(list));
     return names;
-  }
-  int32_t power(int32_t shelfId, int32_t userId) {
-    int32_t value = -9;
-    MVGetUserPermissionOfBS(shelfId, userId, &value);
-    return value;
   }
   std::vector<std::string> shown;
 };
@@ -216,10 +213,10 @@ TEST_P(BooksEndToEnd, ShelfNamesAreBytesAndOnlyAnEmptyShelfIsDeletedByAUserWhoMa
   EXPECT_THAT(shown, ElementsAre("指定の本棚には本が存在します", "指定の本棚は登録されていません"));
   int32_t taro = 0;
   ASSERT_EQ(MVRegistUser2("taro", "t", &taro), 0);  // "neither" on every shelf but the discard
-  EXPECT_EQ(power(empty, taro), 2);
+  EXPECT_EQ(shelfPower(empty, taro), 2);
   EXPECT_EQ(MVDeleteBookshelf("Empty", "taro"), -1);
   ASSERT_EQ(MVDeleteBookshelf("Empty", "admin"), 0);
-  EXPECT_EQ(power(empty, taro), 0);  // its permission rows went with it
+  EXPECT_EQ(shelfPower(empty, taro), 0);  // its permission rows went with it
   EXPECT_EQ(shown.size(), 2u);
 }
 
@@ -231,9 +228,10 @@ TEST_P(BooksEndToEnd, NewShelvesStartWithTheirOwnersPermissionAndFollowTheirOrde
   ASSERT_EQ(MVCreateBookshelf2("Closed", "taro", &closed), 0);
   // The named user gets 1 whatever the source said; the others keep the source's values.
   ASSERT_EQ(MVCopyBookshelfSurface("Copy", closed, "jiro", &copy), 0);
-  EXPECT_THAT(std::vector({power(open, taro), power(open, jiro), power(closed, taro),
-                           power(closed, jiro), power(copy, taro), power(copy, jiro)}),
-              ElementsAre(1, 0, 1, 2, 1, 1));
+  EXPECT_THAT(
+      std::vector({shelfPower(open, taro), shelfPower(open, jiro), shelfPower(closed, taro),
+                   shelfPower(closed, jiro), shelfPower(copy, taro), shelfPower(copy, jiro)}),
+      ElementsAre(1, 0, 1, 2, 1, 1));
   EXPECT_EQ(MVCreateBookshelf("Orphan", "nobody", &open), -1);  // made, without an owner
   bookRows(closed, makeCover("Dam"));
   // Without OrderNo the ordered query fails, silently, and the plain one lists by T_Index.

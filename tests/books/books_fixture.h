@@ -1,10 +1,11 @@
-// What the book tests share: covers, and the library's message boxes caught as UTF-8 texts.
+// What the book tests share: covers.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "MVCore.h"
+#include "exports.h"
 #include "platform/codepage.h"
 
 namespace mvtest {
@@ -17,18 +18,6 @@ inline CoverInfo makeCover(const std::string& siteName, const std::string& start
   mv::copyToField(cover.StartDate, sizeof cover.StartDate, startDate);
   mv::copyToField(cover.EndDate, sizeof cover.EndDate, endDate);
   return cover;
-}
-
-// Speaks UTF-8 and collects the message boxes in `shown` until the end of the test.
-inline void catchMessages(std::vector<std::string>* shown) {
-  MVSetCodePage("UTF-8");
-  MVSetMessageHandler([](const char* text, const char*,
-                         void* to) { static_cast<std::vector<std::string>*>(to)->push_back(text); },
-                      shown);
-}
-inline void releaseMessages() {
-  MVSetMessageHandler(nullptr, nullptr);
-  MVSetCodePage("CP932");
 }
 
 }  // namespace mvtest

@@ -24,10 +24,12 @@ class BooksRecorded : public ServerFixture {
     server = &connect();
     ASSERT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
     server->calls.clear();
+    MVSetCodePage("UTF-8");
     catchMessages(&shown);
   }
   void TearDown() override {
     releaseMessages();
+    MVSetCodePage("CP932");
     ServerFixture::TearDown();
   }
   static std::vector<std::string> shelfRow(int id, int attribute, const std::string& name) {

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "daemon_thread.h"
 #include "platform/wide.h"
 #include "rpc/convert.h"
 #include "rpc/daemon.h"
@@ -37,31 +38,6 @@ std::string bytesText(const VARIANT* v, int32_t good) {
   for (uint32_t i = 0; i < n; ++i)
     s += std::to_string(static_cast<uint8_t*>(v->parray->pvData)[i]) + ",";
   return s + ">";
-}
-
-std::vector<std::string> texts(const VARIANT* v) {
-  std::vector<std::string> out;
-  if (v == nullptr || v->vt != (MV_VT_ARRAY | MV_VT_VARIANT)) return out;
-  const auto* e = static_cast<const VARIANT*>(v->parray->pvData);
-  for (uint32_t i = 0; i < mv::safeArrayCount(v->parray); ++i) {
-    out.push_back(e[i].vt == MV_VT_BSTR ? utf8(e[i].bstrVal) : "?");
-  }
-  return out;
-}
-
-void setTexts(VARIANT* v, const std::vector<std::string>& t) {
-  mv::fillVariantArray(v, MV_VT_VARIANT, static_cast<uint32_t>(t.size()), [&](void* data) {
-    for (std::size_t i = 0; i < t.size(); ++i) {
-      auto& e = static_cast<VARIANT*>(data)[i];
-      e.vt = MV_VT_BSTR;
-      e.bstrVal = mv::Bstr(utf16(t[i])).release();
-    }
-  });
-}
-
-void setText(BSTR* holder, const std::string& t) {
-  MVSysFreeString(*holder);
-  *holder = mv::Bstr(utf16(t)).release();
 }
 
 // What a call carries in, as text; both ends render their view the same way.
@@ -143,10 +119,10 @@ class EchoServer final : public mv::ForwardingServer {
           break;
         case ArgKind::TextOut:
         case ArgKind::HandleOut:
-          if (auto* p = std::get<BSTR*>(a)) setText(p, outText(m.number, i));
+          if (auto* p = std::get<BSTR*>(a)) putText(p, outText(m.number, i));
           break;
         case ArgKind::TextInOut:
-          if (auto* p = std::get<BSTR*>(a)) setText(p, utf8(*p) + "+");
+          if (auto* p = std::get<BSTR*>(a)) putText(p, utf8(*p) + "+");
           break;
         case ArgKind::Block16:
           if (auto* p = std::get<uint8_t*>(a)) std::memset(p, m.number, 16);
@@ -154,11 +130,11 @@ class EchoServer final : public mv::ForwardingServer {
         case ArgKind::RowOut: {
           const int32_t row = std::get<int32_t>(args[i - 1]);
           if (row >= kEchoRows) return 7;
-          if (auto* p = std::get<VARIANT*>(a)) setTexts(p, {"row", std::to_string(row)});
+          if (auto* p = std::get<VARIANT*>(a)) putTexts(p, {"row", std::to_string(row)});
           break;
         }
         case ArgKind::ValueOut:
-          if (auto* p = std::get<VARIANT*>(a)) setTexts(p, {outText(m.number, i), "v"});
+          if (auto* p = std::get<VARIANT*>(a)) putTexts(p, {outText(m.number, i), "v"});
           break;
         case ArgKind::BlockOut:
           if (auto* p = std::get<VARIANT*>(a)) {
@@ -236,7 +212,7 @@ struct CallArgs {
           refs.emplace_back(nulls ? nullptr : blocks16[i].data());
           break;
         case ArgKind::Record:
-          if (v) setTexts(v, {"TABLENAME=H1", "KEY=Name\t2\tテキスト"});
+          if (v) putTexts(v, {"TABLENAME=H1", "KEY=Name\t2\tテキスト"});
           refs.emplace_back(v);
           break;
         case ArgKind::BlockIn:
@@ -264,18 +240,10 @@ struct CallArgs {
 class RoundTrip : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    core_ = mv::server::ServerCore::open(folder_.path(), {}, mv::server::openSqliteEngine, error);
-    ASSERT_TRUE(core_) << error;
     mv::rpc::ServeOptions options;
-    options.core = core_;
     options.sessions = [shared = shared_]() { return new EchoServer(shared); };
-    options.log = [](const std::string&) {};
-    daemon_ = std::make_unique<mv::rpc::Daemon>(std::move(options));
-    std::vector<mv::rpc::ListenAddress> addresses;
-    ASSERT_TRUE(mv::rpc::resolveListen("127.0.0.1:0", addresses, error)) << error;
-    ASSERT_TRUE(daemon_->listen(addresses, error)) << error;
-    thread_ = std::thread([this] { daemon_->run(); });
+    daemon_ = std::make_unique<DaemonThread>(std::move(options));
+    ASSERT_EQ(daemon_->error(), "");
     mv::rpc::ServerEndpoint endpoint;
     endpoint.address = "127.0.0.1";
     endpoint.port = daemon_->port();
@@ -283,8 +251,7 @@ class RoundTrip : public ::testing::Test {
   }
   void TearDown() override {
     if (proxy_) proxy_->Release();
-    daemon_->stop();
-    thread_.join();
+    daemon_.reset();
   }
 
   // The first call of `name` the echo received since the last look (an open also reads rows).
@@ -300,10 +267,7 @@ class RoundTrip : public ::testing::Test {
   mv::IBookServer* proxy_ = nullptr;
 
  private:
-  TempFolder folder_{"roundtrip"};
-  std::shared_ptr<mv::server::ServerCore> core_;
-  std::unique_ptr<mv::rpc::Daemon> daemon_;
-  std::thread thread_;
+  std::unique_ptr<DaemonThread> daemon_;
 };
 
 // What the caller holds after the call, for the kinds that come back.

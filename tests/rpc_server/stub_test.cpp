@@ -12,11 +12,11 @@
 #include <tuple>
 
 #include "child_process.h"
+#include "daemon_thread.h"
 #include "frame/server_methods.h"
 #include "rpc/convert.h"
 #include "rpc/daemon.h"
 #include "rpc_test_client.h"
-#include "server/sqlite/sqlite_engine.h"
 
 namespace mvtest::rpc {
 namespace {
@@ -37,38 +37,16 @@ class InProcessDaemon : public ::testing::Test {
   kj::Duration loginTimeout = 30 * kj::SECONDS;
 
   void SetUp() override {
-    std::string error;
-    core_ = mv::server::ServerCore::open(folder_.path(), {}, mv::server::openSqliteEngine, error);
-    ASSERT_TRUE(core_) << error;
     mv::rpc::ServeOptions options;
-    options.core = core_;
     options.tokens = tokens;
     options.loginTimeout = loginTimeout;
-    options.log = [this](const std::string& line) {
-      std::lock_guard lock(logMutex_);
-      log_ += line + "\n";
-    };
-    daemon_ = std::make_unique<mv::rpc::Daemon>(std::move(options));
-    std::vector<mv::rpc::ListenAddress> addresses;
-    ASSERT_TRUE(mv::rpc::resolveListen("127.0.0.1:0", addresses, error)) << error;
-    ASSERT_TRUE(daemon_->listen(addresses, error)) << error;
+    daemon_ = std::make_unique<DaemonThread>(std::move(options));
+    ASSERT_EQ(daemon_->error(), "");
     port = daemon_->port();
-    ASSERT_NE(port, 0);
-    thread_ = std::thread([this] { daemon_->run(); });
   }
 
-  void TearDown() override {
-    if (daemon_) daemon_->stop();
-    if (thread_.joinable()) thread_.join();
-    daemon_.reset();
-    core_.reset();
-  }
-
-  std::string log() {
-    std::lock_guard lock(logMutex_);
-    return log_;
-  }
-  int liveSessions() { return core_->liveSessions(); }
+  std::string log() { return daemon_->log(); }
+  int liveSessions() { return daemon_->liveSessions(); }
 
   // Polls `done` on the wire's clock until it holds or `limit` passes.
   template <typename F>
@@ -85,12 +63,7 @@ class InProcessDaemon : public ::testing::Test {
   Wire wire;
 
  private:
-  TempFolder folder_{"inproc"};
-  std::shared_ptr<mv::server::ServerCore> core_;
-  std::unique_ptr<mv::rpc::Daemon> daemon_;
-  std::thread thread_;
-  std::mutex logMutex_;
-  std::string log_;
+  std::unique_ptr<DaemonThread> daemon_;
 };
 
 // --- sessions and what the stub refuses ------------------------------------------------------

@@ -39,13 +39,6 @@ std::string render(const VARIANT* v) {
   return s + "]";
 }
 
-void putText(BSTR* out, const std::string& text) {
-  if (out == nullptr) return;
-  MVSysFreeString(*out);
-  const std::u16string w = utf16(text);
-  *out = MVSysAllocStringLen(w.data(), static_cast<uint32_t>(w.size()));
-}
-
 }  // namespace
 
 std::string Call::text() const {
@@ -90,17 +83,6 @@ std::string RecordingServer::log() const {
 }
 
 namespace {
-
-// A text-array variant from UTF-8 texts.
-void putTexts(VARIANT* v, const std::vector<std::string>& texts) {
-  mv::fillVariantArray(v, MV_VT_VARIANT, static_cast<uint32_t>(texts.size()), [&](void* data) {
-    for (std::size_t i = 0; i < texts.size(); ++i) {
-      VARIANT& e = static_cast<VARIANT*>(data)[i];
-      e.vt = MV_VT_BSTR;
-      putText(&e.bstrVal, texts[i]);
-    }
-  });
-}
 
 std::string renderArg(mv::ArgKind kind, const mv::ArgRef& arg) {
   using K = mv::ArgKind;

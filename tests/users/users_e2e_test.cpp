@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "exports.h"
 #include "live_server.h"
 #include "users_fixture.h"
 
@@ -17,14 +18,10 @@ class UsersEndToEnd : public LiveServerTest {
     LiveServerTest::SetUp();
     if (HasFatalFailure()) return;
     ASSERT_EQ(MVOpenDB("MarvekSystemCommonDB"), 0);
-    MVSetMessageHandler(
-        [](const char* text, const char*, void* to) {
-          static_cast<std::vector<std::string>*>(to)->push_back(text);
-        },
-        &shown);
+    catchMessages(&shown);
   }
   void TearDown() override {
-    MVSetMessageHandler(nullptr, nullptr);
+    releaseMessages();
     LiveServerTest::TearDown();
   }
   int32_t logon(const char* name, const char* password) {
@@ -47,11 +44,6 @@ class UsersEndToEnd : public LiveServerTest {
     EXPECT_EQ(MVGetUserInfo(name, &rec, &found), 0);
     if (found != 1) rec.tIndex = -1;
     return rec;
-  }
-  int32_t power(int32_t shelf, int32_t userId) {
-    int32_t value = -9;
-    MVGetUserPermissionOfBS(shelf, userId, &value);
-    return value;
   }
   std::vector<std::string> shown;
 };
@@ -104,18 +96,18 @@ TEST_P(UsersEndToEnd, PermissionsFollowRowsDefaultsAndTheAdministrator) {
   EXPECT_THAT(listed(MVGetRWUserOfBS, 7), ElementsAre("admin", "taro"));
   EXPECT_THAT(listed(MVGetROUserOfBS, 7), ElementsAre("jiro"));
   ASSERT_EQ(MVUpdateUserPermissionOfBS2(7, jiro, 2), 0);
-  EXPECT_EQ(power(7, jiro), 2);
+  EXPECT_EQ(shelfPower(7, jiro), 2);
   int32_t value = -9;
   ASSERT_EQ(MVGetUserPermissionOfBook(43, "taro", &value), 0);  // a book on no shelf
   EXPECT_EQ(value, 0);
   // An empty set takes value 1 from everybody; the administrator keeps it whatever is stored.
   ASSERT_EQ(MVUpdateUserPermissionOfBS(7, nullptr, 0), 0);
   EXPECT_THAT(listed(MVGetRWUserOfBS, 7), ElementsAre("admin"));
-  EXPECT_EQ(power(7, adminId), 1);
+  EXPECT_EQ(shelfPower(7, adminId), 1);
   ASSERT_EQ(MVUpdateUserPermissionOfBS2(7, taro, 1), 0);
   ASSERT_EQ(MVDeleteUser(taro), 0);
   EXPECT_EQ(user("taro").tIndex, -1);
-  EXPECT_EQ(power(7, taro), 0);  // its row went first
+  EXPECT_EQ(shelfPower(7, taro), 0);  // its row went first
   EXPECT_EQ(MVDeleteUser(taro), -1);
 }
 
