@@ -170,7 +170,7 @@ std::string describe(const mv::TableDef& t) {
 }
 
 TEST(Catalogue, MatchesTheDataModelFileTableByTable) {
-  std::ifstream in(MVCORE_TEST_DATA "/catalogue.tsv");
+  std::ifstream in(MVCORE_CATALOGUE);
   ASSERT_TRUE(in) << "missing catalogue.tsv";
   std::size_t tables = 0;
   for (std::string line; std::getline(in, line);) {

@@ -16,9 +16,9 @@ namespace {
 using mv::server::SqlKind;
 using mv::server::translateSql;
 
-std::vector<std::string> dataLines(const char* file) {
+std::vector<std::string> dataLines(const char* path) {
   std::vector<std::string> lines;
-  std::ifstream in(std::string(MVCORE_TEST_DATA "/") + file);
+  std::ifstream in(path);
   for (std::string line; std::getline(in, line);) {
     if (!line.empty() && line[0] != '#') lines.push_back(line);
   }
@@ -33,7 +33,7 @@ class TestDb {
     sqlite3_open(":memory:", &db_);
     sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
     sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
-    for (const std::string& line : dataLines("catalogue.tsv")) {
+    for (const std::string& line : dataLines(MVCORE_CATALOGUE)) {
       std::istringstream fields(line);
       std::string db, table, col;
       std::getline(std::getline(fields, db, '\t'), table, '\t');
@@ -143,7 +143,7 @@ std::string translateAndPrepare(TestDb& db, const std::string& sql) {
 
 TEST(TemplatesTest, EveryTemplateAndSearchFragmentTranslatesToSqliteThatPrepares) {
   TestDb db;
-  const std::vector<std::string> lines = dataLines("sql-statements.tsv");
+  const std::vector<std::string> lines = dataLines(MVCORE_TEST_DATA "/sql-statements.tsv");
   ASSERT_GE(lines.size(), 80u);
   std::string brackets;  // BEGIN TRAN and COMMIT TRAN alone: an empty batch
   std::vector<std::string> fragments, joiners;

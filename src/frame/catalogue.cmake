@@ -1,0 +1,43 @@
+# Writes the catalogue's tables as C++ from catalogue.tsv, the one place the data model's columns
+# are written down: "kind<TAB>table<TAB>name:type[(width)], ...".
+function(mvcore_generate_catalogue tsv out)
+  file(STRINGS "${tsv}" lines ENCODING UTF-8)
+  set(arrays "")
+  set(tables "")
+  set(n 0)
+  foreach(line IN LISTS lines)
+    if(line STREQUAL "" OR line MATCHES "^#")
+      continue()
+    endif()
+    if(NOT line MATCHES "^(system|common|book)\t([A-Za-z0-9_]+)\t(.+)$")
+      message(FATAL_ERROR "${tsv}: not a table line: ${line}")
+    endif()
+    set(kind "${CMAKE_MATCH_1}")
+    set(table "${CMAKE_MATCH_2}")
+    string(REPLACE ", " ";" columns "${CMAKE_MATCH_3}")
+    set(defs "")
+    foreach(column IN LISTS columns)
+      if(NOT column MATCHES "^([A-Za-z0-9_]+):(int|varchar|datetime|float|image|binary)(\\(([0-9]+)\\))?$")
+        message(FATAL_ERROR "${tsv}: ${table}: not a column: ${column}")
+      endif()
+      set(width 0)
+      if(CMAKE_MATCH_4)
+        set(width "${CMAKE_MATCH_4}")
+      endif()
+      string(APPEND defs "{\"${CMAKE_MATCH_1}\", k_${CMAKE_MATCH_2}, ${width}}, ")
+    endforeach()
+    string(APPEND arrays "constexpr ColumnDef kTable${n}[] = {${defs}};\n")
+    string(SUBSTRING "${kind}" 0 1 head)
+    string(TOUPPER "${head}" head)
+    string(SUBSTRING "${kind}" 1 -1 tail)
+    string(APPEND tables "    {DbKind::${head}${tail}, \"${table}\", kTable${n}},\n")
+    math(EXPR n "${n} + 1")
+  endforeach()
+  file(CONFIGURE OUTPUT "${out}" @ONLY CONTENT
+"// Generated from catalogue.tsv by catalogue.cmake; edit the table file, not this one.
+${arrays}
+constexpr TableDef kTables[] = {
+${tables}};
+")
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${tsv}")
+endfunction()
