@@ -1,8 +1,6 @@
 #include "contents/index_bif.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 
 #include "frame/exchange.h"
 #include "platform/files.h"
@@ -29,10 +27,8 @@ IndexBif parseIndexBif(std::string_view text) {
 
 bool readIndexBif(std::string_view path, IndexBif& index) {
   index = IndexBif{};
-  std::ifstream in(fs::toNative(path), std::ios::binary);
-  if (!in) return false;
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return false;
+  std::string text;
+  if (!fs::readFile(path, text)) return false;
   index = parseIndexBif(text);
   return true;
 }

@@ -1,121 +1,40 @@
-// Files and folders. Paths arrive with '\' separators; they are turned into native paths here and
-// nowhere else.
-
+// The library's file calls: a path in the ANSI code page becomes UTF-8 here, and goes to the file
+// system it belongs to.
 #include "platform/files.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <optional>
-#include <utility>
+
+#include "platform/codepage.h"
+#include "platform/utf.h"
 
 namespace mv::fs {
 namespace {
 
 bool isSeparator(char c) { return c == '\\' || c == '/'; }
 
-// The native form of a path, or nothing for one that can't be passed to the system (an embedded
-// zero would silently name another file).
-std::optional<std::string> native(std::string_view path) {
-  if (path.find('\0') != std::string_view::npos) {
-    errno = EINVAL;
-    return std::nullopt;
-  }
-  return toNative(path);
-}
+std::string utf8Path(std::string_view path) { return utf16ToUtf8(ansiToWide(path)); }
 
-// Closes on every path out, keeping the errno of the failure that matters.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  ~Fd() {
-    if (fd_ >= 0) {
-      const int saved = errno;
-      ::close(fd_);
-      errno = saved;
-    }
-  }
-  int get() const { return fd_; }
-  bool close() { return ::close(std::exchange(fd_, -1)) == 0; }
-
- private:
-  int fd_;
+// The file system of a path and the path in its terms; no file system (errno set) for a share
+// that nothing is attached for, or a path with an embedded zero.
+struct Resolved {
+  std::shared_ptr<FileSystem> files;
+  std::string path;
+  explicit operator bool() const { return files != nullptr; }
+  FileSystem* operator->() const { return files.get(); }
 };
 
-bool writeAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = ::write(fd, data, size);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += written;
-    size -= static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
-bool copyContents(int from, int to) {
-  char buffer[64 * 1024];
-  for (;;) {
-    const ssize_t got = ::read(from, buffer, sizeof(buffer));
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (got == 0) return true;
-    if (!writeAll(to, buffer, static_cast<std::size_t>(got))) return false;
-  }
-}
-
-bool copyRegularFile(const std::string& from, const std::string& to, bool failIfExists) {
-  Fd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
-  if (source.get() < 0) return false;
-  struct stat sourceStat {};
-  if (::fstat(source.get(), &sourceStat) != 0) return false;
-  if (!S_ISREG(sourceStat.st_mode)) {
-    errno = S_ISDIR(sourceStat.st_mode) ? EISDIR : EINVAL;
-    return false;
-  }
-  const mode_t mode = sourceStat.st_mode & 07777;
-  bool created = true;
-  int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (fd < 0 && errno == EEXIST && !failIfExists) {
-    created = false;
-    fd = ::open(to.c_str(), O_WRONLY | O_CLOEXEC);
-  }
-  Fd target(fd);
-  if (target.get() < 0) return false;
-  const auto fail = [&] {
-    if (created) {
-      const int saved = errno;
-      ::unlink(to.c_str());
-      errno = saved;
-    }
-    return false;
-  };
-  struct stat targetStat {};
-  if (::fstat(target.get(), &targetStat) != 0) return fail();
-  // Truncating the target only now, once it is known not to be the source itself.
-  if (targetStat.st_dev == sourceStat.st_dev && targetStat.st_ino == sourceStat.st_ino) {
+Resolved resolve(std::string_view path) {
+  if (path.find('\0') != std::string_view::npos) {
     errno = EINVAL;
-    return false;
+    return {};
   }
-  if (!created && ::ftruncate(target.get(), 0) != 0) return fail();
-  if (!copyContents(source.get(), target.get())) return fail();
-  const struct timespec times[2] = {sourceStat.st_atim, sourceStat.st_mtim};
-  if (::futimens(target.get(), times) != 0) return fail();
-  if (!target.close()) return fail();
-  return true;
+  Resolved r{nullptr, utf8Path(path)};
+  r.files = filesFor(r.path);
+  return r;
 }
 
 // '*' any run of characters, '?' one character; nothing else is special, so names with brackets
@@ -143,10 +62,27 @@ bool wildcardMatch(std::string_view pattern, std::string_view name) {
   return p == pattern.size();
 }
 
+constexpr std::size_t kCopyBlock = std::size_t{1} << 20;
+
+// A copy between two file systems: the bytes pass through here a block at a time.
+bool streamCopy(const Resolved& from, const Resolved& to, bool failIfExists) {
+  const std::unique_ptr<FileReader> reader = from->openRead(from.path);
+  if (reader == nullptr) return false;
+  const std::unique_ptr<FileWriter> writer = to->openWrite(to.path, failIfExists);
+  if (writer == nullptr) return false;
+  std::string block(kCopyBlock, '\0');
+  for (;;) {
+    const std::ptrdiff_t got = reader->read(block.data(), block.size());
+    if (got < 0 || !writer->write(block.data(), static_cast<std::size_t>(got))) return false;
+    if (static_cast<std::size_t>(got) < block.size()) break;
+  }
+  return writer->commit(reader->info().lastWrite);
+}
+
 }  // namespace
 
 std::string toNative(std::string_view path) {
-  std::string result(path);
+  std::string result = utf8Path(path);
   std::replace(result.begin(), result.end(), '\\', '/');
   return result;
 }
@@ -165,141 +101,126 @@ std::string join(std::string_view folder, std::string_view name) {
 }
 
 bool exists(std::string_view path) {
-  const auto p = native(path);
-  struct stat st {};
-  return p && ::stat(p->c_str(), &st) == 0;
+  const Resolved r = resolve(path);
+  FileInfo info;
+  return r && r->stat(r.path, info);
 }
 
 bool isDirectory(std::string_view path) {
-  const auto p = native(path);
-  struct stat st {};
-  return p && ::stat(p->c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  const Resolved r = resolve(path);
+  FileInfo info;
+  return r && r->stat(r.path, info) && info.isDirectory;
 }
 
 bool createDirectory(std::string_view path) {
-  const auto p = native(path);
-  return p && ::mkdir(p->c_str(), 0777) == 0;
+  const Resolved r = resolve(path);
+  return r && r->createDirectory(r.path);
 }
 
 bool removeDirectory(std::string_view path) {
-  const auto p = native(path);
-  return p && ::rmdir(p->c_str()) == 0;
+  const Resolved r = resolve(path);
+  return r && r->removeDirectory(r.path);
 }
 
 bool deleteFile(std::string_view path) {
-  const auto p = native(path);
-  return p && ::unlink(p->c_str()) == 0;
+  const Resolved r = resolve(path);
+  return r && r->deleteFile(r.path);
 }
 
 bool copyFile(std::string_view from, std::string_view to, bool failIfExists) {
-  const auto source = native(from);
-  const auto target = native(to);
-  return source && target && copyRegularFile(*source, *target, failIfExists);
+  const Resolved source = resolve(from);
+  const Resolved target = resolve(to);
+  if (!source || !target) return false;
+  if (source.files == target.files) return source->copy(source.path, target.path, failIfExists);
+  return streamCopy(source, target, failIfExists);
 }
 
 bool moveFile(std::string_view from, std::string_view to) {
-  const auto source = native(from);
-  const auto target = native(to);
+  const Resolved source = resolve(from);
+  const Resolved target = resolve(to);
   if (!source || !target) return false;
-  // Like a move on the platform the paths come from, an existing target is an error rather
-  // than something to replace.
-  if (::renameat2(AT_FDCWD, source->c_str(), AT_FDCWD, target->c_str(), RENAME_NOREPLACE) == 0) {
-    return true;
-  }
-  if (errno == EINVAL || errno == ENOSYS) {
-    // The file system can't rename without replacing: check first, then rename.
-    struct stat st {};
-    if (::lstat(target->c_str(), &st) == 0) {
-      errno = EEXIST;
-      return false;
-    }
-    if (::rename(source->c_str(), target->c_str()) == 0) return true;
-  }
-  if (errno != EXDEV) return false;
-  if (!copyRegularFile(*source, *target, true)) return false;
-  if (::unlink(source->c_str()) != 0) {
-    const int saved = errno;
-    ::unlink(target->c_str());
-    errno = saved;
-    return false;
-  }
-  return true;
+  if (source.files == target.files) return source->rename(source.path, target.path);
+  return streamCopy(source, target, true) && source->deleteFile(source.path);
 }
 
 std::vector<FoundEntry> findFiles(std::string_view pattern) {
   std::vector<FoundEntry> found;
-  const auto p = native(pattern);
-  if (!p) return found;
-  const std::size_t slash = p->rfind('/');
-  std::string folder;
-  std::string namePattern;
-  if (slash == std::string::npos) {
-    folder = ".";
-    namePattern = *p;
-  } else {
-    folder = slash == 0 ? "/" : p->substr(0, slash);
-    namePattern = p->substr(slash + 1);
-  }
+  std::size_t slash = pattern.size();
+  while (slash > 0 && !isSeparator(pattern[slash - 1])) --slash;
+  const std::string_view namePattern = pattern.substr(slash);
   if (namePattern.empty()) {
     errno = ENOENT;
     return found;
   }
+  std::string_view folder = pattern.substr(0, slash);
+  if (folder.size() > 1) folder.remove_suffix(1);  // the separator, but not a root's
+  const Resolved r = resolve(folder.empty() ? std::string_view(".") : folder);
+  std::vector<FileInfo> entries;
+  if (!r || !r->list(r.path, entries)) return found;
   const bool everything = namePattern == "*.*";
-  DIR* dir = ::opendir(folder.c_str());
-  if (dir == nullptr) return found;
-  const int dirFd = ::dirfd(dir);
-  errno = 0;
-  while (const dirent* entry = ::readdir(dir)) {
-    const std::string_view name = entry->d_name;
-    if (name == "." || name == "..") continue;
+  for (FileInfo& e : entries) {
+    std::string name = wideToAnsi(utf8ToUtf16(e.name));
     if (!everything && !wildcardMatch(namePattern, name)) continue;
-    FoundEntry item;
-    item.name = std::string(name);
-    struct stat st {};
-    // A dangling link is still listed, with the link's own data.
-    if (::fstatat(dirFd, entry->d_name, &st, 0) == 0 ||
-        ::fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
-      item.isDirectory = S_ISDIR(st.st_mode);
-      item.size = item.isDirectory ? 0 : static_cast<std::uint64_t>(st.st_size);
-      item.lastWrite = st.st_mtime;
-    }
-    found.push_back(std::move(item));
+    found.push_back({std::move(name), e.isDirectory, e.isLink, e.size, e.lastWrite});
   }
-  ::closedir(dir);
   std::sort(found.begin(), found.end(),
             [](const FoundEntry& a, const FoundEntry& b) { return a.name < b.name; });
   return found;
 }
 
+bool makeWritable(std::string_view path) {
+  const Resolved r = resolve(path);
+  return r && r->makeWritable(r.path);
+}
+
+bool readFile(std::string_view path, std::string& content) {
+  content.clear();
+  const Resolved r = resolve(path);
+  const std::unique_ptr<FileReader> reader = r ? r->openRead(r.path) : nullptr;
+  if (reader == nullptr) return false;
+  char block[64 * 1024];
+  for (;;) {
+    const std::ptrdiff_t got = reader->read(block, sizeof block);
+    if (got < 0) return false;
+    content.append(block, static_cast<std::size_t>(got));
+    if (got < static_cast<std::ptrdiff_t>(sizeof block)) return true;
+  }
+}
+
+std::unique_ptr<FileReader> openRead(std::string_view path) {
+  const Resolved r = resolve(path);
+  return r ? r->openRead(r.path) : nullptr;
+}
+
+std::unique_ptr<FileWriter> openWrite(std::string_view path, bool failIfExists) {
+  const Resolved r = resolve(path);
+  return r ? r->openWrite(r.path, failIfExists) : nullptr;
+}
+
 bool lastWriteTime(std::string_view path, std::time_t* t) {
-  const auto p = native(path);
-  struct stat st {};
   if (t == nullptr) {
     errno = EINVAL;
     return false;
   }
-  if (!p || ::stat(p->c_str(), &st) != 0) return false;
-  *t = st.st_mtime;
+  const Resolved r = resolve(path);
+  FileInfo info;
+  if (!r || !r->stat(r.path, info)) return false;
+  *t = info.lastWrite;
   return true;
 }
 
 bool setFileTimes(std::string_view path, std::time_t t) {
-  const auto p = native(path);
-  if (!p) return false;
-  const struct timespec times[2] = {{t, 0}, {t, 0}};
-  return ::utimensat(AT_FDCWD, p->c_str(), times, 0) == 0;
+  const Resolved r = resolve(path);
+  return r && r->setTimes(r.path, t);
 }
 
 bool freeSpace(std::string_view path, std::uint64_t* bytes) {
-  const auto p = native(path);
-  struct statvfs st {};
   if (bytes == nullptr) {
     errno = EINVAL;
     return false;
   }
-  if (!p || ::statvfs(p->c_str(), &st) != 0) return false;
-  *bytes = static_cast<std::uint64_t>(st.f_bfree) * static_cast<std::uint64_t>(st.f_frsize);
-  return true;
+  const Resolved r = resolve(path);
+  return r && r->freeSpace(r.path, *bytes);
 }
 
 std::string computerName() {

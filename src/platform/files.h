@@ -1,7 +1,8 @@
-// Files and folders on paths that use '\' as separator (as the library and its servers build
-// them). Both '\' and '/' are taken as separators; a leading drive such as "C:" is kept as an
-// ordinary first component. All functions return false or an empty result on failure and
-// leave errno set.
+// Files and folders on the library's paths: text in the ANSI code page that uses '\' as separator
+// (as the library and its servers build them). Both '\' and '/' are taken as separators; a
+// leading drive such as "C:" is kept as an ordinary first component. Each call goes to the file
+// system the path belongs to (file_system.h): a local one, or the share of a server. All
+// functions return false or an empty result on failure and leave errno set.
 #pragma once
 
 #include <cstdint>
@@ -10,9 +11,11 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/file_system.h"
+
 namespace mv::fs {
 
-// The path with '\' turned into '/'.
+// The path as the system takes it: UTF-8, with '\' turned into '/'.
 std::string toNative(std::string_view path);
 // Joins with one '\' between the parts.
 std::string join(std::string_view folder, std::string_view name);
@@ -32,12 +35,20 @@ bool moveFile(std::string_view from, std::string_view to);
 struct FoundEntry {
   std::string name;  // no folder part
   bool isDirectory = false;
+  bool isLink = false;
   std::uint64_t size = 0;
   std::time_t lastWrite = 0;
 };
 // The entries of a folder whose names match a pattern with '*' and '?' (the pattern's last
 // component; "*.*" matches every name). "." and ".." are never listed. Sorted by name.
 std::vector<FoundEntry> findFiles(std::string_view pattern);
+
+// Clears a file's read-only state.
+bool makeWritable(std::string_view path);
+// The whole of a file, for small ones.
+bool readFile(std::string_view path, std::string& content);
+std::unique_ptr<FileReader> openRead(std::string_view path);
+std::unique_ptr<FileWriter> openWrite(std::string_view path, bool failIfExists);
 
 // Last-write time as POSIX seconds (UTC).
 bool lastWriteTime(std::string_view path, std::time_t* t);

@@ -1,7 +1,5 @@
 #include "transfer/folder_tools.h"
 
-#include <sys/stat.h>
-
 #include <string>
 
 #include "platform/files.h"
@@ -11,25 +9,11 @@ namespace {
 
 bool isSeparator(char c) { return c == '\\' || c == '/'; }
 
-// The platform copies a file with its read-only state; the copies here are made writable.
-bool makeWritable(std::string_view path) {
-  const std::string native = fs::toNative(path);
-  struct stat st {};
-  if (::stat(native.c_str(), &st) != 0) return false;
-  return (st.st_mode & S_IWUSR) != 0 ||
-         ::chmod(native.c_str(), (st.st_mode & 07777) | S_IWUSR) == 0;
-}
-
-// A link is removed as itself: emptying a folder never follows one into another tree.
-bool isLink(std::string_view path) {
-  struct stat st {};
-  return ::lstat(fs::toNative(path).c_str(), &st) == 0 && S_ISLNK(st.st_mode);
-}
-
 }  // namespace
 
+// The platform copies a file with its read-only state; the copies here are made writable.
 bool copyFileWritable(std::string_view from, std::string_view to, bool overwrite) {
-  return fs::copyFile(from, to, !overwrite) && makeWritable(to);
+  return fs::copyFile(from, to, !overwrite) && fs::makeWritable(to);
 }
 
 int CreateFolderPath(std::string_view path) {
@@ -61,7 +45,8 @@ int DeleteFolderTree(std::string_view folder) {
   for (const fs::FoundEntry& entry : fs::findFiles(fs::join(folder, "*"))) {
     if (entry.name.empty() || entry.name.front() == '.') continue;
     const std::string path = fs::join(folder, entry.name);
-    if (entry.isDirectory && !isLink(path)) {
+    // A link is removed as itself: emptying a folder never follows one into another tree.
+    if (entry.isDirectory && !entry.isLink) {
       if (DeleteFolderTree(path) == 0 || !fs::removeDirectory(path)) return 0;
     } else if (!fs::deleteFile(path)) {
       return 0;
