@@ -7,6 +7,7 @@
 
 #include "platform/wide.h"
 #include "rpc/convert.h"
+#include "rpc/files_stub.h"
 
 namespace mv::rpc {
 
@@ -39,7 +40,13 @@ int32_t answerRows(IBookServer& session, BSTR db, BSTR handle, int64_t first, ui
 
 }  // namespace
 
-BookServerStub::BookServerStub(IBookServer* session) : session_(session) {}
+BookServerStub::BookServerStub(IBookServer* session, std::shared_ptr<fs::FileSystem> files)
+    : session_(session), files_(std::move(files)) {}
+
+kj::Promise<void> BookServerStub::files(FilesContext context) {
+  context.getResults().setFiles(makeFilesStub(files_));
+  return kj::READY_NOW;
+}
 
 BookServerStub::~BookServerStub() = default;
 

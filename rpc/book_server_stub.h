@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "frame/IBookServer.h"
+#include "platform/file_system.h"
 #include "rpc/book_server.capnp.h"
 
 namespace mv::rpc {
@@ -26,20 +27,23 @@ inline constexpr std::size_t kRowBytesPerAnswer = std::size_t{8} * 1024 * 1024;
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 class BookServerStub final : public ::BookServer::Server {
  public:
-  // Takes over the caller's reference to `session`.
-  explicit BookServerStub(IBookServer* session);
+  // Takes over the caller's reference to `session`; `files` serves its share folders (null:
+  // none).
+  explicit BookServerStub(IBookServer* session, std::shared_ptr<fs::FileSystem> files = nullptr);
   ~BookServerStub();
   BookServerStub(const BookServerStub&) = delete;
   BookServerStub& operator=(const BookServerStub&) = delete;
 
  protected:
   kj::Promise<void> call(CallContext context) override;
+  kj::Promise<void> files(FilesContext context) override;
 
  private:
   struct Release {
     void operator()(IBookServer* s) const { s->Release(); }
   };
   std::unique_ptr<IBookServer, Release> session_;
+  std::shared_ptr<fs::FileSystem> files_;
 };
 #pragma GCC diagnostic pop
 

@@ -165,6 +165,8 @@ bool parseClientConfig(std::string_view text, std::string_view folder,
         e.token.assign(value);
       } else if (equalsIgnoringAsciiCase(key, "token-file")) {
         e.tokenFile = absolute(value, folder);
+      } else if (equalsIgnoringAsciiCase(key, "share-mount")) {
+        e.shareMount = absolute(value, folder);
       } else {
         return fail("unknown key '" + key + "'");
       }
@@ -264,6 +266,7 @@ int32_t resolveServer(std::string_view name, ServerEndpoint& endpoint, std::stri
       endpoint.caFile = e.caFile;
       endpoint.tlsName = e.tlsName;
       endpoint.token = e.token;
+      endpoint.shareMount = e.shareMount;
       if (!e.tokenFile.empty() && !readToken(e.tokenFile, endpoint.token, error)) {
         return kStatusConfigUnreadable;
       }

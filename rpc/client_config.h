@@ -17,6 +17,10 @@
 //   tls-name = books.example.org  the name the certificate must carry; default: the address
 //   token = ...                the logon token the daemon expects, or
 //   token-file = /path         a file whose first line is the token
+//   share-mount = /mnt/books   where this machine mounts the daemon's data folder (NFS, SMB):
+//                              share paths "\\<server>\<share>\..." the daemon answers are
+//                              used as <share-mount>/<share>/... with plain local files;
+//                              without it they go to the daemon's file service over the link
 //
 // Relative paths are taken from the configuration file's folder; "~/" is $HOME. Every line must
 // be one of these forms: an end-of-line comment, an unknown key, a key outside a section, a
@@ -47,9 +51,10 @@ inline constexpr int32_t kStatusConfigUnreadable = static_cast<int32_t>(0x800401
 struct ServerEndpoint {
   std::string address;  // host name or IP literal, without brackets
   uint16_t port = kDefaultPort;
-  std::string caFile;   // not empty: TLS, verified against these certificates
-  std::string tlsName;  // the certificate's expected name (empty: the address)
-  std::string token;    // sent to Gate.login; empty when none
+  std::string caFile;      // not empty: TLS, verified against these certificates
+  std::string tlsName;     // the certificate's expected name (empty: the address)
+  std::string token;       // sent to Gate.login; empty when none
+  std::string shareMount;  // the local mount of the daemon's data folder; empty: none
 
   bool tls() const { return !caFile.empty(); }
 };
@@ -63,6 +68,7 @@ struct ServerEntry {
   std::string tlsName;
   std::string token;
   std::string tokenFile;
+  std::string shareMount;
 };
 
 // Parses a configuration's text; `folder` anchors relative paths. On failure returns false and

@@ -372,4 +372,24 @@ void HeldArg::store(ArgKind kind, Arg::Builder out) const {
   }
 }
 
+void putEntry(const fs::FileInfo& info, FileEntry::Builder entry) {
+  entry.setName(info.name);
+  entry.setIsDirectory(info.isDirectory);
+  entry.setIsLink(info.isLink);
+  entry.setReadOnly(info.readOnly);
+  entry.setSize(info.size);
+  entry.setLastWrite(info.lastWrite);
+}
+
+fs::FileInfo takeEntry(FileEntry::Reader entry) {
+  fs::FileInfo info;
+  info.name = std::string(entry.getName().begin(), entry.getName().size());
+  info.isDirectory = entry.getIsDirectory();
+  info.isLink = entry.getIsLink();
+  info.readOnly = entry.getReadOnly();
+  info.size = entry.getSize();
+  info.lastWrite = static_cast<std::time_t>(entry.getLastWrite());
+  return info;
+}
+
 }  // namespace mv::rpc

@@ -12,6 +12,7 @@
 
 #include "MVCore.h"
 #include "frame/server_methods.h"
+#include "platform/file_system.h"
 #include "platform/wide.h"
 #include "rpc/book_server.capnp.h"
 
@@ -19,7 +20,7 @@ namespace mv::rpc {
 
 // What both ends must agree on before the first call: the format of the schema, and the method
 // table's signature (serverMethodsSignature()).
-inline constexpr uint32_t kWireFormat = 2;
+inline constexpr uint32_t kWireFormat = 3;
 
 // The call names a method number the other end does not have.
 inline constexpr int32_t kStatusUnknownMethod = static_cast<int32_t>(0x800706D1u);
@@ -84,5 +85,9 @@ class HeldArg {
 // A row of texts from the session into an answer, and the bytes it adds to one.
 void copyRow(const VARIANT* row, Row::Builder out);
 std::size_t rowBytes(const VARIANT* row);
+
+// A file's description as the file service sends it, and back.
+void putEntry(const fs::FileInfo& info, FileEntry::Builder entry);
+fs::FileInfo takeEntry(FileEntry::Reader entry);
 
 }  // namespace mv::rpc

@@ -1,5 +1,7 @@
 #include "rpc/daemon.h"
 
+#include "platform/files.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -301,6 +303,10 @@ void logToStderr(const std::string& line) {
 // --- the server loop ---------------------------------------------------------------------------
 
 Daemon::Daemon(ServeOptions options) : options_(std::move(options)) {
+  if (options_.core != nullptr) {
+    options_.core->serveSharesAs(options_.shareServer.empty() ? fs::computerName()
+                                                              : options_.shareServer);
+  }
   gate_.core = options_.core;
   gate_.sessions = options_.sessions;
   if (!options_.tokens.empty()) gate_.tokens = std::make_shared<Tokens>(options_.tokens);

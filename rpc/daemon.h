@@ -77,6 +77,9 @@ struct ServeOptions {
   std::shared_ptr<server::ServerCore> core;
   // Makes a logged-on client's session; unset, a session of `core`'s server.
   std::function<IBookServer*()> sessions;
+  // The server name in the share paths that sessions answer ("\\\\<name>\\shares\\..."), which
+  // clients reach through the sessions' file services; empty: this machine's host name.
+  std::string shareServer;
   std::vector<std::string> tokens;  // none: any token logs on
   std::string tlsCertPem;           // both empty: no TLS
   std::string tlsKeyPem;

@@ -90,7 +90,9 @@ kj::Promise<void> GateServer::answer(LoginContext context) {
     }
     IBookServer* session =
         shared_.sessions ? shared_.sessions() : new server::BookServer(shared_.core);
-    results.setServer(kj::heap<BookServerStub>(session));
+    std::shared_ptr<fs::FileSystem> files;
+    if (const auto* own = dynamic_cast<server::BookServer*>(session)) files = own->shareFiles();
+    results.setServer(kj::heap<BookServerStub>(session, std::move(files)));
     *loggedIn_ = true;
     if (shared_.log) {
       shared_.log("login from " + peer_ + " (" + std::to_string(shared_.core->liveSessions()) +

@@ -8,7 +8,10 @@
 #include <unordered_map>
 #include <utility>
 
+#include "platform/text.h"
+#include "platform/utf.h"
 #include "rpc/convert.h"
+#include "rpc/remote_files.h"
 
 namespace mv::rpc {
 
@@ -167,11 +170,14 @@ struct RemoteBookServer::Held {
 
 RemoteBookServer::RemoteBookServer(const ServerEndpoint& endpoint, const RemoteOptions& options)
     : options_(options),
+      shareMount_(endpoint.shareMount),
       link_(endpoint, options.connectTimeoutMs),
       held_(std::make_unique<Held>()) {}
 
 RemoteBookServer::~RemoteBookServer() {
   QuietKj quiet;
+  if (attachment_ != 0) fs::detach(attachment_);
+  if (files_ != nullptr) disconnectRemoteFiles(*files_);
   try {
     held_.reset();
   } catch (...) {  // cancelling requests on a broken link may complain; it is going away
@@ -180,6 +186,29 @@ RemoteBookServer::~RemoteBookServer() {
 }
 
 void RemoteBookServer::Release() { delete this; }
+
+void RemoteBookServer::adoptSharePaths(const ServerMethod& method, std::span<const ArgRef> args) {
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (method.args[i] != ArgKind::TextOut) continue;
+    BSTR* out = std::get<BSTR*>(args[i]);
+    if (out == nullptr || *out == nullptr) continue;
+    const std::string path = bstrToUtf8(*out);
+    const std::string_view server = fs::shareServer(path);
+    if (server.empty()) continue;
+    if (!shareMount_.empty()) {
+      // "\\server\share\rest" is "<mount>\share\rest" on this machine.
+      MVSysFreeString(*out);
+      *out = utf8ToBstr(shareMount_ + path.substr(2 + server.size()));
+      continue;
+    }
+    if (files_ == nullptr) files_ = makeRemoteFiles(link_);
+    if (attachment_ == 0 || !equalsIgnoringAsciiCase(attachedServer_, server)) {
+      if (attachment_ != 0) fs::detach(attachment_);
+      attachedServer_ = std::string(server);
+      attachment_ = fs::attach(server, files_);
+    }
+  }
+}
 
 int32_t RemoteBookServer::forward(const ServerMethod& method, std::span<const ArgRef> args) {
   QuietKj quiet;
@@ -214,7 +243,9 @@ int32_t RemoteBookServer::forward(const ServerMethod& method, std::span<const Ar
       return send(method, args, std::max<uint32_t>(options_.refill, 1));
     }
     if ((method.flags & kReadsAhead) != 0) return downLoad(method, args);
-    return send(method, args, options_.prefetch);
+    const int32_t status = send(method, args, options_.prefetch);
+    if (status == 0 && (method.flags & kAnswersSharePath) != 0) adoptSharePaths(method, args);
+    return status;
   } catch (const kj::Exception& e) {
     link_.failed(e);
     if (link_.broken()) h.forgetAll(link_.buffers());

@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "frame/IBookServer.h"
+#include "platform/file_system.h"
 #include "rpc/client_config.h"
 #include "rpc/remote_link.h"
 
@@ -67,8 +68,15 @@ class RemoteBookServer final : public ForwardingServer {
   int32_t read(const ServerMethod& method, std::span<const ArgRef> args,
                BookServer::CallResults::Reader answer);
   int32_t downLoad(const ServerMethod& method, std::span<const ArgRef> args);
+  // A share path the daemon answered: rewritten to the local mount when one is configured, else
+  // reached through this link's file service, attached for the server's name.
+  void adoptSharePaths(const ServerMethod& method, std::span<const ArgRef> args);
 
   RemoteOptions options_;
+  std::string shareMount_;
+  std::shared_ptr<fs::FileSystem> files_;
+  std::string attachedServer_;
+  fs::Attachment attachment_ = 0;
   RemoteLink link_;
   // Declared after the link so that its requests are cancelled while there is one.
   std::unique_ptr<Held> held_;

@@ -20,6 +20,7 @@ BookServer::~BookServer() {
   closeCarry(carryOut_, false);
   closeCarry(carryIn_, false);
   handles_.clear();
+  shares_->clear();
   core_->sessionEnded(id_);
 }
 

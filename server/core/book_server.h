@@ -10,7 +10,9 @@
 #include <string>
 
 #include "frame/IBookServer.h"
+#include "platform/file_system.h"
 #include "server/core/server_core.h"
+#include "server/core/share_files.h"
 
 namespace mv::server {
 
@@ -22,6 +24,9 @@ class BookServer final : public IBookServer {
   ServerCore& core() { return *core_; }
   // The last failure's text, UTF-8 (GetLastError gives it as UTF-16).
   const std::string& lastErrorText() const { return lastError_; }
+  // The share folders this session has open, for its client on another machine; null when the
+  // server answers local paths (ServerCore::shareServer() empty).
+  std::shared_ptr<fs::FileSystem> shareFiles() const;
 
   MV_SERVER_METHOD_OVERRIDES
 
@@ -80,6 +85,7 @@ class BookServer final : public IBookServer {
   Download download_;
   Carry carryOut_;
   Carry carryIn_;
+  std::shared_ptr<OpenShares> shares_ = std::make_shared<OpenShares>();
 };
 
 // Makes a session with the embedded server of this process, starting that server on the first

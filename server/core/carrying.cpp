@@ -52,13 +52,23 @@ int32_t BookServer::OpenNetShare(BSTR /*shareClient*/, BSTR /*computerName*/, BS
   std::error_code ec;
   stdfs::create_directories(path, ec);
   if (ec) return fail(kFileFailed, "共有フォルダを作れません: " + ec.message());
-  putText(folder, path);
+  shares_->open(path);
+  const std::string& server = core_->shareServer();
+  putText(folder, server.empty() ? path : networkPath(server, core_->folder(), path));
   return kOk;
 }
 
-int32_t BookServer::CloseNetShare(BSTR, BSTR, int32_t) {
+int32_t BookServer::CloseNetShare(BSTR dbName, BSTR tableName, int32_t tIndex) {
   if (const int32_t pending = settle(); pending != kOk) return pending;
+  const std::string db = text(dbName);
+  shares_->close(db.empty() ? core_->stagingFolder()
+                            : core_->shareFolder(db, text(tableName), tIndex));
   return kOk;
+}
+
+std::shared_ptr<fs::FileSystem> BookServer::shareFiles() const {
+  if (core_->shareServer().empty()) return nullptr;
+  return makeShareFiles(core_->shareServer(), core_->folder(), shares_);
 }
 
 // --- carrying and replication ------------------------------------------------------------------

@@ -33,6 +33,10 @@ class ServerCore {
   StorageEngine& engine() { return *engine_; }
   const std::string& folder() const { return folder_; }
   std::string stagingFolder() const { return folder_ + "/staging"; }
+  // Set, OpenNetShare answers "\\<server>\shares\..." paths that the sessions' file services
+  // serve, instead of local ones. Set before the first session.
+  void serveSharesAs(std::string server) { shareServer_ = std::move(server); }
+  const std::string& shareServer() const { return shareServer_; }
   // The share folder of a book (`table` empty and key -1) or of one row.
   std::string shareFolder(const std::string& db, const std::string& table, int32_t key) const;
 
@@ -70,6 +74,7 @@ class ServerCore {
   bool initialise(const InitOptions& init, std::string& error);
 
   std::string folder_;
+  std::string shareServer_;
   std::unique_ptr<FolderLock> lock_;
   std::unique_ptr<StorageEngine> engine_;
   std::atomic<uint64_t> sessions_{0};

@@ -87,7 +87,7 @@
   X(45, CarryingSetup, 0, (Text, first), (Text, second))                                          \
   X(59, DBBackUpBase, 0, (Int, a), (Int, b), (Int, c))                                            \
   X(65, GetCarryingInfo, 0, (ValueOut, list))                                                     \
-  X(82, OpenNetShare, 0, (Text, shareClient), (Text, computerName), (Text, dbName),               \
+  X(82, OpenNetShare, kAnswersSharePath, (Text, shareClient), (Text, computerName), (Text, dbName),               \
     (Text, tableName), (Int, tIndex), (TextOut, folder))                                          \
   X(83, CloseNetShare, 0, (Text, dbName), (Text, tableName), (Int, tIndex))                       \
   X(93, RepricatOut, 0, (Text, dbName), (TextOut, fileName))                                      \
@@ -220,6 +220,9 @@ inline constexpr uint32_t kReadsRows = 2;
 // Reads a blob block by block (database, handle, column, row, block number, block size, ...):
 // the next blocks may be asked for before the caller asks.
 inline constexpr uint32_t kReadsAhead = 4;
+// Answers a folder path (its text-out arguments) that may name a share of the server:
+// "\\<server>\<share>\...", for the client to reach through its file system.
+inline constexpr uint32_t kAnswersSharePath = 8;
 
 struct ServerMethod {
   int32_t number;

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "platform/file_system.h"
+#include "platform/text.h"
 
 namespace mv::fs {
 namespace {
@@ -187,10 +188,9 @@ class LocalWriter final : public FileWriter {
     }
     if (durable_ && ::fsync(fd_.get()) != 0) return false;
     if (!fd_.close()) return false;
-    const int renamed =
-        failIfExists_
-            ? ::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE)
-            : ::rename(temporary_.c_str(), target_.c_str());
+    const int renamed = failIfExists_ ? ::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD,
+                                                    target_.c_str(), RENAME_NOREPLACE)
+                                      : ::rename(temporary_.c_str(), target_.c_str());
     if (renamed != 0) return false;
     temporary_.clear();
     return true;
@@ -381,13 +381,6 @@ Registry& registry() {
   return r;
 }
 
-bool sameAscii(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
-           return lower(x) == lower(y);
-         });
-}
-
 }  // namespace
 
 FileSystem& localFiles() { return *sharedLocalFiles(); }
@@ -422,7 +415,7 @@ std::shared_ptr<FileSystem> filesFor(std::string_view path) {
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
   for (auto it = r.attached.rbegin(); it != r.attached.rend(); ++it) {
-    if (!server.empty() && sameAscii(it->server, server)) return it->files;
+    if (!server.empty() && equalsIgnoringAsciiCase(it->server, server)) return it->files;
   }
   errno = ENOENT;
   return nullptr;

@@ -1,5 +1,8 @@
 #include "live_server.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -9,6 +12,12 @@
 #include "frame/connection.h"
 
 namespace mvtest {
+
+bool namespacedDaemons() {
+  static const bool can = ::geteuid() == 0 && ::access("/usr/bin/unshare", X_OK) == 0 &&
+                          std::system("/usr/bin/unshare --mount true >/dev/null 2>&1") == 0;
+  return can;
+}
 
 std::string serverKindName(const ::testing::TestParamInfo<ServerKind>& info) {
   return info.param == ServerKind::Embedded ? "Embedded" : "Remote";
@@ -41,15 +50,29 @@ void LiveServerTest::TearDown() {
 }
 
 // The daemon as it would be deployed: TLS with a certificate the client verifies, and a token;
-// the client finds both through its configuration file under the name "books".
+// the client finds both through its configuration file under the name "books". Where it can
+// (as root, which CI is), the daemon runs in a mount namespace of its own, in which its data
+// folder is a bind mount of a folder the client is never told of: from the client's side the
+// data folder is an empty directory, so whatever the client does with the daemon's files goes
+// over the link, as it does from another machine. The folder outlives the daemon, so a
+// restarted daemon finds its data again.
 void LiveServerTest::startDaemon() {
   const TestCertificate& certificate = testCertificate();
   ASSERT_TRUE(certificate.made);
   const std::string token = "token-" + std::to_string(reinterpret_cast<uintptr_t>(this));
   const std::string tokens = folder_->write("tokens", token + "\n");
-  daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-      BOOKSERVERD, "--data", data_, "--listen", "127.0.0.1:0", "--tls-cert", certificate.cert,
-      "--tls-key", certificate.key, "--token-file", tokens});
+  std::vector<std::string> args{
+      BOOKSERVERD,      "--data",    data_,           "--listen",     "127.0.0.1:0", "--tls-cert",
+      certificate.cert, "--tls-key", certificate.key, "--token-file", tokens};
+  if (namespacedDaemons()) {
+    const std::string hidden = *folder_ / ".daemon-disk";
+    ::mkdir(hidden.c_str(), 0700);
+    ::mkdir(data_.c_str(), 0700);
+    args.insert(args.begin(),
+                {"/usr/bin/unshare", "--mount", "--propagation", "private", "--", "/bin/sh", "-c",
+                 "mount --bind \"$1\" \"$2\" && shift 2 && exec \"$@\"", "sh", hidden, data_});
+  }
+  daemon_ = std::make_unique<ChildProcess>(args);
   const uint16_t port = daemon_->waitForPort();
   ASSERT_NE(port, 0) << daemon_->log();
   const std::string conf =

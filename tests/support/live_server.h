@@ -40,6 +40,9 @@ class LiveServerTest : public ::testing::TestWithParam<ServerKind> {
   std::string host_;
 };
 
+// Whether this process may start daemons in mount namespaces of their own (root, unshare).
+bool namespacedDaemons();
+
 std::string serverKindName(const ::testing::TestParamInfo<ServerKind>& info);
 
 }  // namespace mvtest
