@@ -78,8 +78,16 @@ int copyByFilter(const std::string& source, const std::string& folder, const std
   return 0;
 }
 
+// A name index.bif may give: one file of the data folder, never a way out of it or of the local
+// folder (no separator, drive, "." or "..").
+bool isPlainName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of("\\/:") == std::string_view::npos;
+}
+
 // The files of index.bif whose Attribute is 1 or 5, from `source` to `localFolder`. 0 without an
-// index.bif; -1 for an index that counts 0 files or at the first failed copy.
+// index.bif; -1 for an index that counts 0 files or at the first failed copy. A name that would
+// lead out of the folders is skipped, and the result is -1 once the others are copied.
 int copySelected(const std::string& folder, const std::string& source,
                  const std::string& localFolder) {
   const std::string indexPath = fs::join(folder, kIndexFileName);
@@ -87,10 +95,15 @@ int copySelected(const std::string& folder, const std::string& source,
   IndexBif index;
   (void)readIndexBif(indexPath, index);
   if (index.count == 0) return -1;
+  int result = 0;
   for (const std::string& name : selectedFiles(index)) {
+    if (!isPlainName(name)) {
+      result = -1;
+      continue;
+    }
     if (!copyFileWritable(fs::join(source, name), fs::join(localFolder, name), true)) return -1;
   }
-  return 0;
+  return result;
 }
 
 }  // namespace
@@ -168,7 +181,8 @@ MVAPI int MVDownLoadImageData2(const char* databaseName, int32_t tagIndex, const
 
 MVAPI int MVDeleteImageData2(const char* databaseName, int32_t tagIndex, const char* fileName,
                              const char* shareClient) {
-  if (fileName == nullptr) return -1;
+  // A name that leads out of the data folders deletes nothing.
+  if (fileName == nullptr || !mv::isPlainName(fileName)) return -1;
   return mv::inShare(databaseName, tagIndex, shareClient, {}, [&](const std::string& folder) {
     for (const char* sub : {mv::kElFolder, mv::kImageFolder}) {
       const std::string path = mv::fs::join(mv::fs::join(folder, sub), fileName);
