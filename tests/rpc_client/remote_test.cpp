@@ -875,7 +875,10 @@ TEST_F(TlsLink, LetsInOnlyAVerifiedDaemonAndABadCaFileIsAConfigurationError) {
     mv::IBookServer* s = nullptr;
     EXPECT_EQ(mv::rpc::connectRemote("secure", &s), c.status)
         << c.settings << mv::rpc::lastConnectError();
-    if (s == nullptr) continue;
+    if (s == nullptr) {
+      EXPECT_FALSE(mv::rpc::lastConnectError().empty());
+      continue;
+    }
     EXPECT_EQ(s->ConnectCheck(), 0);
     s->Release();
   }

@@ -170,6 +170,7 @@ TEST(Bookserverd, ConfigFileWithTlsAndTokensLosesToTheCommandLine) {
   EXPECT_THAT(daemon.log(), HasSubstr("(TLS on, tokens on)"));
   Proxy good(port, c.cert, "client-two");
   EXPECT_EQ(good.status, 0) << mv::rpc::lastConnectError();
+  EXPECT_NE(Proxy(port, {}, "client-one").status, 0);  // a client that does not speak TLS
   stop(daemon);
 }
 
