@@ -83,7 +83,7 @@ std::string renderIn(const ServerMethod& m, std::span<const ArgRef> args) {
 
 // The value the echo leaves in an argument, by method number and place.
 std::string outText(int32_t number, std::size_t i) {
-  return "out-" + std::to_string(number) + "-" + std::to_string(i);
+  return "out-" + std::to_string(number) + "-" + std::to_string(i) + "-出";
 }
 
 // Records what arrives; leaves distinct values in every pointer it is given, then answers

@@ -4,14 +4,14 @@
 #include <signal.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "certificate.h"
 #include "child_process.h"
-#include "rpc_test_client.h"
+#include "platform/wide.h"
+#include "rpc/remote_book_server.h"
+#include "utf8.h"
 
-namespace mvtest::rpc {
+namespace mvtest {
 namespace {
 
 using ::testing::HasSubstr;
@@ -28,7 +28,43 @@ void stop(ChildProcess& daemon, int signal = SIGTERM) {
   EXPECT_EQ(daemon.waitExit(), std::optional<int>(0)) << daemon.log();
 }
 
-TEST(Bookserverd, InitsServesReleasesAVanishedClientAndEndsCleanlyOnSigterm) {
+// A link of the library's proxy to 127.0.0.1:port, TLS when `ca` is given.
+struct Proxy {
+  explicit Proxy(uint16_t port, const std::string& ca = {}, const std::string& token = {}) {
+    mv::rpc::ServerEndpoint e;
+    e.address = "127.0.0.1";
+    e.port = port;
+    e.caFile = ca;
+    e.tlsName = ca.empty() ? "" : "localhost";
+    e.token = token;
+    status = mv::rpc::connectRemote(e, {}, &server);
+  }
+  ~Proxy() {
+    if (server) server->Release();
+  }
+  mv::IBookServer* operator->() const { return server; }
+  // The user names of UserInfoTBL's rows.
+  std::vector<std::string> users() const {
+    const mv::Bstr db(u"MarvekSystemCommonDB");
+    int32_t rows = 0;
+    mv::Bstr handle;
+    std::vector<std::string> out;
+    EXPECT_EQ(server->OpenTable(db.get(), mv::Bstr(u"UserInfoTBL").get(), 0, &rows, handle.out()),
+              0);
+    for (int32_t i = 0; i < rows; ++i) {
+      mv::Variant row;
+      EXPECT_EQ(server->GetRecords(db.get(), handle.get(), i, row.get()), 0);
+      for (const std::string& t : texts(row.get())) {
+        if (t.rfind("KEY=UserName\t", 0) == 0) out.push_back(t.substr(t.rfind('\t') + 1));
+      }
+    }
+    return out;
+  }
+  mv::IBookServer* server = nullptr;
+  int32_t status = -1;
+};
+
+TEST(Bookserverd, InitsServesOneFolderAloneAndEndsCleanlyOnSigtermWithAClientConnected) {
   TempFolder folder("daemon");
   std::string output;
   ASSERT_EQ(
@@ -44,32 +80,21 @@ TEST(Bookserverd, InitsServesReleasesAVanishedClientAndEndsCleanlyOnSigterm) {
   EXPECT_EQ(runProgram(daemonArgs(folder, {"--listen", "127.0.0.1:0"}), &output), 1);
   EXPECT_THAT(output, HasSubstr("served by another process"));
 
-  Wire wire;
-  Client first(wire, port);
-  Client second(wire, port);
-  auto a = first.login();
-  auto b = second.login();
-  const Opened users = openTable(wire, b, kSystemDb, "UserInfoTBL", 5);
-  ASSERT_EQ(users.rows.size(), 1u);
-  EXPECT_EQ(valueIn(users.rows[0], "UserName"), "boss");
+  Proxy client(port);
+  ASSERT_EQ(client.status, 0) << mv::rpc::lastConnectError();
+  EXPECT_EQ(client.users(), std::vector<std::string>{"boss"});
   const auto logon = [&](const char* user, const char* password) {
-    return call(wire, b, 57, {std::string(user), std::string(), std::string(password), 1})
-        .getStatus();
+    return client->LoginMgr(mv::Bstr(utf16(user)).get(), mv::Bstr(u"").get(),
+                            mv::Bstr(utf16(password)).get(), 1);
   };
-  EXPECT_EQ(logon("admin", "admin"), kLogonRefused);
+  EXPECT_EQ(logon("admin", "admin"), 0x100D);  // refused
   EXPECT_EQ(logon("boss", "pw"), 0);
   EXPECT_THAT(daemon.log(), HasSubstr("connect from 127.0.0.1:"));
-  ASSERT_EQ(setMutex(wire, a, "BOOKSHELF", 1), 0);
-  EXPECT_EQ(setMutex(wire, b, "BOOKSHELF", 1), 1);
-  a = nullptr;
-  first.disconnect();
-  ASSERT_TRUE(daemon.waitForLog("(1 connections, 1 sessions)", 10s)) << daemon.log();
-  EXPECT_EQ(setMutex(wire, b, "BOOKSHELF", 1), 0);
 
-  stop(daemon);  // with a client still connected
+  stop(daemon);
   EXPECT_THAT(daemon.log(), HasSubstr("stopping: closing 1 connections"));
   EXPECT_THAT(daemon.log(), HasSubstr("stopped"));
-  wire.wait(second.onDisconnect(), 10 * kj::SECONDS);
+  EXPECT_NE(client->ConnectCheck(), 0);
 }
 
 TEST(Bookserverd, SigintStopsItToo) {
@@ -87,27 +112,26 @@ TEST(Bookserverd, BadCommandLinesConfigurationsAndPoliciesStopTheStart) {
   const std::string junk = folder.write("junk.pem", "not a certificate\n");
   const std::string badConfig = folder.write("bad.conf", "listen = 127.0.0.1:0\nport = 4\n");
   const std::string data = folder / "data";
+  const std::vector<std::string> local{"--data", data, "--listen", "127.0.0.1:0"};
+  const auto with = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), local.begin(), local.end());
+    return more;
+  };
   const struct {
     std::vector<std::string> args;
     int status;
     const char* says;
-    const char* neverSays;
+    const char* neverSays = "";
   } cases[] = {
-      {{"--listen", "127.0.0.1:0"}, 64, "--data", ""},
-      {{"--data", data}, 64, "--listen", ""},
-      {{"--data", data, "--listen", "127.0.0.1:0", "--port", "1"}, 64, "--port", ""},
-      {{"--data", data, "--listen", "127.0.0.1:0", "--tls-cert", "x"}, 78, "--tls-key", ""},
-      {{"--data", data, "--listen", "127.0.0.1:0", "--token-file", folder / "none"},
-       78,
-       "token file",
-       ""},
-      {{"--data", data, "--listen", "127.0.0.1:0", "--tls-cert", junk, "--tls-key", junk},
-       78,
-       "unusable certificate or key",
-       ""},
-      {{"--data", data, "--config", badConfig}, 78, "line 2", ""},
-      {{"--data", data, "--listen", "0.0.0.0:0"}, 78, "refusing to listen on 0.0.0.0:0", ""},
-      {{"--data", data, "--listen", "0.0.0.0:0", "--token-file", tokens}, 78, "without TLS", ""},
+      {{"--listen", "127.0.0.1:0"}, 64, "--data"},
+      {{"--data", data}, 64, "--listen"},
+      {with({"--port", "1"}), 64, "--port"},
+      {with({"--tls-cert", "x"}), 78, "--tls-key"},
+      {with({"--token-file", folder / "none"}), 78, "token file"},
+      {with({"--tls-cert", junk, "--tls-key", junk}), 78, "unusable certificate or key"},
+      {{"--data", data, "--config", badConfig}, 78, "line 2"},
+      {{"--data", data, "--listen", "0.0.0.0:0"}, 78, "refusing to listen on 0.0.0.0:0"},
+      {{"--data", data, "--listen", "0.0.0.0:0", "--token-file", tokens}, 78, "without TLS"},
       // Let past the policy, an address this host does not have fails to bind.
       {{"--data", data, "--listen", "192.0.2.1:0", "--insecure"}, 1, "warning", "refusing"},
       {{"--data", data, "--listen", "192.0.2.1:0", "--tls-cert", c.cert, "--tls-key", c.key,
@@ -124,21 +148,18 @@ TEST(Bookserverd, BadCommandLinesConfigurationsAndPoliciesStopTheStart) {
     if (*k.neverSays) {
       EXPECT_THAT(output, Not(HasSubstr(k.neverSays)));
     }
-    // Refused before the folder is touched.
-    if (k.status != 1) {
+    if (k.status != 1) {  // refused before the folder is touched
       EXPECT_FALSE(std::filesystem::exists(data)) << args.back();
     }
   }
 }
 
 // The file gives TLS and the tokens; its address, which cannot be bound, loses to the command
-// line's.
-TEST(Bookserverd, ConfigFileWithTlsAndTokensLetsInOnlyTheGoodToken) {
+// line's. (The remote end-to-end suites run every test through a daemon with TLS and a token.)
+TEST(Bookserverd, ConfigFileWithTlsAndTokensLosesToTheCommandLine) {
   TempFolder folder("tls");
   const TestCertificate& c = testCertificate();
   ASSERT_TRUE(c.made);
-  std::ostringstream pem;
-  pem << std::ifstream(c.cert).rdbuf();
   const std::string config = folder.write(
       "bookserverd.conf", "# test\ndata = " + folder / "data" + "\nlisten = 192.0.2.1:0\n" +
                               "tls-cert = " + c.cert + "\ntls-key = " + c.key + "\ntoken-file = " +
@@ -147,30 +168,11 @@ TEST(Bookserverd, ConfigFileWithTlsAndTokensLetsInOnlyTheGoodToken) {
   const uint16_t port = daemon.waitForPort();
   ASSERT_NE(port, 0) << daemon.log();
   EXPECT_THAT(daemon.log(), HasSubstr("(TLS on, tokens on)"));
-
-  Wire wire;
-  {
-    Client client(wire, port, pem.str());
-    auto s = client.login("client-two");
-    EXPECT_EQ(openTable(wire, s, kSystemDb, "UserInfoTBL", 5).rows.size(), 1u);
-    auto request = client.gate().loginRequest();
-    request.setToken("client-three");
-    // The refusal is logged at once; its answer would take the daemon's real delay.
-    auto refused = request.send();
-    bool logged = false;
-    for (int i = 0; i < 100 && !logged; ++i) {
-      wire.sleep(50 * kj::MILLISECONDS);  // the event loop sends the request meanwhile
-      logged = daemon.log().find("login refused for 127.0.0.1:") != std::string::npos;
-    }
-    EXPECT_TRUE(logged) << daemon.log();
-  }
-  {
-    // A client that does not speak TLS gets nothing.
-    Client plain(wire, port);
-    EXPECT_THROW(plain.login("client-one"), kj::Exception);
-  }
+  Proxy good(port, c.cert, "client-two");
+  EXPECT_EQ(good.status, 0) << mv::rpc::lastConnectError();
+  EXPECT_NE(Proxy(port, {}, "client-one").status, 0);  // a client that does not speak TLS
   stop(daemon);
 }
 
 }  // namespace
-}  // namespace mvtest::rpc
+}  // namespace mvtest

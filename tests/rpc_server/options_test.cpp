@@ -8,13 +8,13 @@
 
 #include <kj/timer.h>
 
-#include "child_process.h"
 #include "frame/server_methods.h"
 #include "rpc/convert.h"
 #include "rpc/daemon.h"
 #include "server/sqlite/sqlite_engine.h"
+#include "temp_folder.h"
 
-namespace mvtest::rpc {
+namespace mvtest {
 namespace {
 
 using mv::rpc::OptionMap;
@@ -63,40 +63,37 @@ TEST(DaemonOptions, CommandLines) {
   }
 }
 
+// The file's options, then both together with the command line winning.
 TEST(DaemonOptions, ConfigFileAndTheCommandLineWinning) {
+  const OptionMap commandLine{{"listen", "127.0.0.1:1"}, {"insecure", "false"}};
   const struct {
     const char* text;
-    const char* error;  // null: accepted
-  } cases[] = {{"data /x\n", "line 1"},
+    const char* expected;  // the resolved options, or what the error must say
+    bool ok = false;
+  } cases[] = {{"# bookserverd\n\n  data = /var/lib/mv books \r\nLISTEN=0.0.0.0:2\ninsecure = on\n"
+                "init = 0\ntls-key = a\n",
+                "data=/var/lib/mv books listen=127.0.0.1:1 tls-key=a insecure=0 init=0", true},
+               {"data /x\n", "line 1"},
                {"data = x\nport = 4\n", "line 2: unknown name \"port\""},
                {"config = /etc/other\n", "line 1"},  // a configuration names no other
                {"data = x\n[s]\n", "line 2"},
-               {"data = /x  # the books\n", "line 1: a comment"}};
+               {"data = /x  # the books\n", "line 1: a comment"},
+               {"init = maybe\n", "init"}};
   for (const auto& c : cases) {
-    OptionMap m;
+    OptionMap file;
+    mv::rpc::DaemonOptions o;
     std::string error;
-    EXPECT_FALSE(mv::rpc::parseConfig(c.text, m, error)) << c.text;
-    EXPECT_THAT(error, HasSubstr(c.error)) << c.text;
+    const bool ok = mv::rpc::parseConfig(c.text, file, error) &&
+                    mv::rpc::resolveOptions(commandLine, file, o, error);
+    ASSERT_EQ(ok, c.ok) << c.text << ": " << error;
+    if (ok) {
+      EXPECT_EQ("data=" + o.data + " listen=" + o.listen + " tls-key=" + o.tlsKey +
+                    " insecure=" + std::to_string(o.insecure) + " init=" + std::to_string(o.init),
+                c.expected);
+    } else {
+      EXPECT_THAT(error, HasSubstr(c.expected)) << c.text;
+    }
   }
-
-  OptionMap file;
-  std::string error;
-  ASSERT_TRUE(
-      mv::rpc::parseConfig("# bookserverd\n\n  data = /var/lib/mv books \r\n"
-                           "LISTEN=0.0.0.0:2\ninsecure = on\ninit = 0\ntls-key = a\n",
-                           file, error))
-      << error;
-  mv::rpc::DaemonOptions o;
-  ASSERT_TRUE(
-      mv::rpc::resolveOptions({{"listen", "127.0.0.1:1"}, {"insecure", "false"}}, file, o, error))
-      << error;
-  EXPECT_EQ(o.listen, "127.0.0.1:1");
-  EXPECT_EQ(o.data, "/var/lib/mv books");
-  EXPECT_EQ(o.tlsKey, "a");
-  EXPECT_FALSE(o.insecure);
-  EXPECT_FALSE(o.init);
-  EXPECT_FALSE(mv::rpc::resolveOptions({}, {{"insecure", "maybe"}}, o, error));
-  EXPECT_THAT(error, HasSubstr("insecure"));
 }
 
 TEST(ListenAddress, FormsAndThePolicyBeyondLoopback) {
@@ -230,4 +227,4 @@ TEST(Keepalive, AcceptedSocketsProbeADeadPeerWithinAboutTwentySeconds) {
 }
 
 }  // namespace
-}  // namespace mvtest::rpc
+}  // namespace mvtest

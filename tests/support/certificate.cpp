@@ -6,21 +6,31 @@
 
 namespace mvtest {
 
-const TestCertificate& testCertificate() {
+namespace {
+
+TestCertificate make(const TempFolder& folder, const std::string& name) {
+  TestCertificate c{folder / (name + ".crt"), folder / (name + ".key"), false};
+  std::string output;
+  const int status = runProgram(
+      {OPENSSL_PROGRAM, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+       "-nodes", "-keyout", c.key, "-out", c.cert, "-days", "2", "-subj", "/CN=localhost",
+       "-addext", "subjectAltName=DNS:localhost"},
+      &output);
+  EXPECT_EQ(status, 0) << "openssl (scripts/setup.sh installs it): " << output;
+  c.made = status == 0;
+  return c;
+}
+
+}  // namespace
+
+const TestCertificate& testCertificate(bool stranger) {
   static TempFolder folder("certificate");
-  static const TestCertificate made = [] {
-    TestCertificate c{folder / "server.crt", folder / "server.key", false};
-    std::string output;
-    const int status = runProgram(
-        {OPENSSL_PROGRAM, "req", "-x509", "-newkey", "ec", "-pkeyopt",
-         "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", c.key, "-out", c.cert, "-days", "2",
-         "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1"},
-        &output);
-    EXPECT_EQ(status, 0) << "openssl (scripts/setup.sh installs it): " << output;
-    c.made = status == 0;
-    return c;
-  }();
-  return made;
+  if (stranger) {
+    static const TestCertificate other = make(folder, "stranger");
+    return other;
+  }
+  static const TestCertificate daemon = make(folder, "daemon");
+  return daemon;
 }
 
 }  // namespace mvtest

@@ -1,5 +1,5 @@
-// A throwaway self-signed certificate for "localhost" and 127.0.0.1, made once per test program
-// with the openssl program and removed at its end.
+// Throwaway self-signed certificates for "localhost", made once per test program with the openssl
+// program and removed at its end: the daemon's, and a stranger's that signed nothing of it.
 #pragma once
 
 #include <string>
@@ -12,6 +12,6 @@ struct TestCertificate {
   bool made = false;
 };
 
-const TestCertificate& testCertificate();
+const TestCertificate& testCertificate(bool stranger = false);
 
 }  // namespace mvtest

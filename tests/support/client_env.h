@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "temp_folder.h"
+
 namespace mvtest {
 
 class ClientConfigHome {
@@ -23,40 +25,26 @@ class ClientConfigHome {
       const char* v = std::getenv(name);
       saved_.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
     }
-    std::string pattern = ::testing::TempDir() + "mvcore-client-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp " << pattern;
-    dir_ = pattern;
-    std::filesystem::create_directories(dir_ + "/home/.config");
-    setenv("HOME", (dir_ + "/home").c_str(), 1);
-    setenv("XDG_CONFIG_HOME", (dir_ + "/home/.config").c_str(), 1);
-    // An empty configuration of the test's own.
-    useConfig("");
+    std::filesystem::create_directories(folder_ / "home/.config");
+    setenv("HOME", (folder_ / "home").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (folder_ / "home/.config").c_str(), 1);
+    useConfig("");  // an empty configuration of the test's own
   }
-
   ~ClientConfigHome() {
     for (const auto& [name, value] : saved_) {
-      if (value) {
-        setenv(name.c_str(), value->c_str(), 1);
-      } else {
-        unsetenv(name.c_str());
-      }
+      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
     }
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
   }
-
   ClientConfigHome(const ClientConfigHome&) = delete;
   ClientConfigHome& operator=(const ClientConfigHome&) = delete;
 
-  const std::string& dir() const { return dir_; }
-
+  const std::string& dir() const { return folder_.path(); }
   std::string writeFile(const std::string& relative, const std::string& text) {
-    const std::filesystem::path path = std::filesystem::path(dir_) / relative;
+    const std::filesystem::path path = folder_ / relative;
     std::filesystem::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary) << text;
     return path.string();
   }
-
   // Writes client.conf and points $MVCORE_CLIENT_CONF at it.
   std::string useConfig(const std::string& text) {
     std::string path = writeFile("client.conf", text);
@@ -66,7 +54,7 @@ class ClientConfigHome {
 
  private:
   std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
-  std::string dir_;
+  TempFolder folder_{"client"};
 };
 
 class ClientEnvTest : public ::testing::Test, public ClientConfigHome {};

@@ -1,12 +1,13 @@
 #include "daemon_thread.h"
 
+#include <chrono>
 #include <vector>
 
 #include "server/sqlite/sqlite_engine.h"
 
 namespace mvtest {
 
-DaemonThread::DaemonThread(mv::rpc::ServeOptions options) {
+DaemonThread::DaemonThread(mv::rpc::ServeOptions options, const std::string& listen) {
   core_ = mv::server::ServerCore::open(folder_.path(), {}, mv::server::openSqliteEngine, error_);
   if (!core_) return;
   options.core = core_;
@@ -16,17 +17,26 @@ DaemonThread::DaemonThread(mv::rpc::ServeOptions options) {
   };
   daemon_ = std::make_unique<mv::rpc::Daemon>(std::move(options));
   std::vector<mv::rpc::ListenAddress> addresses;
-  if (!mv::rpc::resolveListen("127.0.0.1:0", addresses, error_) ||
-      !daemon_->listen(addresses, error_)) {
+  if (!mv::rpc::resolveListen(listen, addresses, error_) || !daemon_->listen(addresses, error_)) {
+    daemon_.reset();
     return;
   }
   port_ = daemon_->port();
   thread_ = std::thread([this] { daemon_->run(); });
 }
 
-DaemonThread::~DaemonThread() {
-  if (daemon_) daemon_->stop();
-  if (thread_.joinable()) thread_.join();
+void DaemonThread::kill(const std::function<void()>& closed) {
+  if (!thread_.joinable()) return;
+  daemon_->stop();
+  // The loop logs this line, then shuts every connection down.
+  for (int i = 0; i < 500 && log().find("stopping: closing") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  if (closed) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    closed();
+  }
+  thread_.join();
 }
 
 std::string DaemonThread::log() {
