@@ -58,18 +58,18 @@ TEST_F(BlobsTest, SizesAroundTheBlockSizeRoundTripAndAShorterBlobReplacesALonger
     const int32_t key = newRow();
     const auto data = pattern(size, static_cast<uint32_t>(size));
     ASSERT_EQ(send(key, data), 0) << lastError(*s);
-    EXPECT_TRUE(sameBytes(stored(key), data));
+    EXPECT_TRUE(stored(key) == data);
   }
   const int32_t key = newRow();
   const auto exact = pattern(307200, 3);
   ASSERT_EQ(send(key, exact, Ending::EmptyLastBlock), 0) << lastError(*s);
-  EXPECT_TRUE(sameBytes(stored(key), exact));
+  EXPECT_TRUE(stored(key) == exact);
   const auto shorter = pattern(1000, 4);
   ASSERT_EQ(send(key, shorter), 0);
-  EXPECT_TRUE(sameBytes(stored(key), shorter));
+  EXPECT_TRUE(stored(key) == shorter);
   Bytes own;
   ASSERT_EQ(download(*s, kBook, row(key).handle, kData, 0, own), 0);
-  EXPECT_TRUE(sameBytes(own, shorter));
+  EXPECT_TRUE(own == shorter);
 }
 
 TEST_F(BlobsTest, ASeriesWithoutLastFlagIsStoredByTheSessionsNextCall) {
@@ -95,7 +95,7 @@ TEST_F(BlobsTest, ASeriesWithoutLastFlagIsStoredByTheSessionsNextCall) {
     const auto data = pattern(2 * 307200, static_cast<uint32_t>(key));
     ASSERT_EQ(send(key, data, Ending::NoLastFlag), 0);
     EXPECT_EQ(call(), 0);
-    EXPECT_TRUE(sameBytes(stored(key), data));
+    EXPECT_TRUE(stored(key) == data);
     images = open(*s, kBook, kImages);
   }
 }
@@ -123,7 +123,7 @@ TEST_F(BlobsTest, AnUnfinishedDownloadHoldsNothingUpAndAnEmptyColumnGivesNoArray
   // Starting again from block 1 is a new read, of the bytes stored now.
   Bytes data;
   EXPECT_EQ(download(*s, kBook, mine.handle, kData, 0, data), 0) << lastError(*s);
-  EXPECT_TRUE(sameBytes(data, replaced));
+  EXPECT_TRUE(data == replaced);
   const Opened fresh = row(newRow());
   for (const char* column : {kData, "Reserve"}) {
     EXPECT_STREQ(first(fresh, column, 0), "empty") << column << lastError(*s);
@@ -143,13 +143,13 @@ TEST_F(BlobsTest, BadSeriesAreRefusedAndChangeNothing) {
     EXPECT_TRUE(ok || !lastError(*s).empty());
   }
   EXPECT_EQ(closeTable(*s, kBook, images.handle), 0);
-  EXPECT_TRUE(sameBytes(stored(key), original));
+  EXPECT_TRUE(stored(key) == original);
   images = open(*s, kBook, kImages);
   const auto block = pattern(kBlockSize, 7);
   EXPECT_NE(upload(*s, kBook, images.handle, key, "FileName", block), 0);
   EXPECT_NE(send(9999, block), 0);
   EXPECT_NE(upload(*s, kBook, "H999.999", key, kData, block), 0);
-  EXPECT_TRUE(sameBytes(stored(key), original));
+  EXPECT_TRUE(stored(key) == original);
 }
 
 TEST_F(BlobsTest, ImageFileDateRoundTripsADoubleOfTheRow) {
@@ -204,7 +204,7 @@ class SharesTest : public ServerTest {
     const char* pages = "SELECT * FROM TagPageTBL ORDER BY T_Index";
     EXPECT_EQ(select(*s, copy, pages), select(*s, kBook, pages));
     EXPECT_EQ(column(*s, copy, pages, "TagName"), "表紙 図面");
-    EXPECT_TRUE(sameBytes(storedBlob(*s, copy, "ImageDataTBL", image), blob));
+    EXPECT_TRUE(storedBlob(*s, copy, "ImageDataTBL", image) == blob);
   }
   const Bytes blob = pattern(200000, 21);
   int32_t image = -1;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "frame/IBookServer.h"
@@ -85,35 +86,28 @@ inline std::string field(std::string_view name, int typecode, std::string_view v
 }
 
 // The elements of an answer array of `type`; none, with a test failure, for another shape.
-template <typename T, typename Get>
-inline std::vector<T> elements(const VARIANT& v, VARTYPE type, Get get) {
+template <typename T>
+inline std::vector<T> elements(const VARIANT& v, VARTYPE type) {
   EXPECT_EQ(v.vt, MV_VT_ARRAY | type);
-  if (v.vt != (MV_VT_ARRAY | type) || v.parray == nullptr) return {};
   std::vector<T> out;
-  for (uint32_t i = 0; i < mv::safeArrayCount(v.parray); ++i) out.push_back(get(v.parray, i));
+  for (uint32_t i = 0; v.vt == (MV_VT_ARRAY | type) && i < mv::safeArrayCount(v.parray); ++i) {
+    if constexpr (std::is_same_v<T, uint8_t>) {
+      out.push_back(static_cast<const uint8_t*>(v.parray->pvData)[i]);
+    } else {
+      const VARIANT& e = static_cast<const VARIANT*>(v.parray->pvData)[i];
+      EXPECT_EQ(e.vt, (std::is_same_v<T, int32_t> ? MV_VT_I4 : MV_VT_BSTR)) << "element " << i;
+      if constexpr (std::is_same_v<T, int32_t>) out.push_back(e.vt == MV_VT_I4 ? e.lVal : 0);
+      if constexpr (!std::is_same_v<T, int32_t>) {
+        out.push_back(e.vt == MV_VT_BSTR ? mv::bstrToUtf8(e.bstrVal) : "");
+      }
+    }
+  }
   return out;
 }
-inline const VARIANT& variantAt(SAFEARRAY* a, uint32_t i, VARTYPE type) {
-  const VARIANT& e = static_cast<const VARIANT*>(a->pvData)[i];
-  EXPECT_EQ(e.vt, type) << "element " << i;
-  return e;
-}
 inline std::vector<std::string> texts(const VARIANT& v) {
-  return elements<std::string>(v, MV_VT_VARIANT, [](SAFEARRAY* a, uint32_t i) {
-    const VARIANT& e = variantAt(a, i, MV_VT_BSTR);
-    return e.vt == MV_VT_BSTR ? mv::bstrToUtf8(e.bstrVal) : "";
-  });
+  return elements<std::string>(v, MV_VT_VARIANT);
 }
-inline std::vector<int32_t> ints(const VARIANT& v) {
-  return elements<int32_t>(v, MV_VT_VARIANT, [](SAFEARRAY* a, uint32_t i) {
-    const VARIANT& e = variantAt(a, i, MV_VT_I4);
-    return e.vt == MV_VT_I4 ? e.lVal : 0;
-  });
-}
-inline Bytes bytes(const VARIANT& v) {
-  return elements<uint8_t>(
-      v, MV_VT_UI1, [](SAFEARRAY* a, uint32_t i) { return static_cast<uint8_t*>(a->pvData)[i]; });
-}
+inline Bytes bytes(const VARIANT& v) { return elements<uint8_t>(v, MV_VT_UI1); }
 
 // Bytes no two sizes or seeds share by accident.
 inline Bytes pattern(std::size_t size, uint32_t seed) {
@@ -121,15 +115,6 @@ inline Bytes pattern(std::size_t size, uint32_t seed) {
   uint32_t x = seed * 2654435761u + 1;
   for (uint8_t& b : out) b = static_cast<uint8_t>((x = x * 1103515245u + 12345u) >> 16);
   return out;
-}
-
-// A failure names the sizes only: a dump of megabytes helps nobody.
-inline ::testing::AssertionResult sameBytes(const Bytes& actual, const Bytes& expected) {
-  if (actual == expected) return ::testing::AssertionSuccess();
-  const auto diff = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
-  return ::testing::AssertionFailure()
-         << "got " << actual.size() << " bytes, expected " << expected.size()
-         << "; first difference at " << (diff.first - actual.begin());
 }
 
 // OpenTable without `sql`, ExecuteQuery without `table`, else OpenTableEx.

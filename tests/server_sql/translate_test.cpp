@@ -1,4 +1,5 @@
-// The translator's output text, its refusals, and its promise never to touch a literal.
+// The translator's output text where no query on real rows shows it (comparisons and LIKE are
+// checked on rows in sqlite_test), its refusals, and its promise never to touch a literal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,13 +16,6 @@ TEST(TranslateTest, RewritesIntoSqlite) {
   const std::pair<std::string, const char*> cases[] = {
       {"select T_Index,Various from ImageDataTBL with( nolock )where(T_Index=5);",
        "select T_Index, Various from ImageDataTBL where (T_Index = 5)"},
-      {"SELECT * FROM B WHERE (OrderName = CONVERT(varbinary(100),'x') OR a.b>=CONVERT(binary,c))",
-       "SELECT * FROM B WHERE (CAST(OrderName AS BLOB) = CAST('x' AS BLOB) OR CAST(a.b AS BLOB) >= "
-       "CAST(c AS BLOB))"},
-      {"SELECT * FROM B WHERE (OrderName LIKE CONVERT(varbinary(100),'%a_*?[]%'))",
-       "SELECT * FROM B WHERE (OrderName GLOB '*a?[*][?][[]]*')"},
-      {"SELECT * FROM B WHERE ( ( CAST ( StartDate AS INT ) <= 20240101 ) )",
-       "SELECT * FROM B WHERE ((CAST(StartDate AS INTEGER) <= 20240101))"},
       {"SELECT * FROM [Odd ]]Name] WHERE [Col]=N'x' ORDER BY OrderNo, T_Index",
        "SELECT * FROM \"Odd ]Name\" WHERE \"Col\" = 'x' ORDER BY OrderNo, T_Index"},
       {"UPDATE T SET OrderNo=-1 WHERE Attribute=1;",
