@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <set>
 
 #include "rpc/convert.h"
 
@@ -15,13 +16,33 @@ bool answered(int32_t error) {
   return false;
 }
 
-class RemoteFiles;
-
-class RemoteReader final : public fs::FileReader {
+// What a reader or writer holds of its link. When the link goes (its server is released), the
+// files object lets go of every reader's and writer's capabilities while the link's event loop
+// still runs, and later calls fail with EIO: a reader or writer may outlive its link.
+class Open {
  public:
-  RemoteReader(RemoteLink& link, ::FileReader::Client reader, fs::FileInfo info)
-      : link_(link), reader_(kj::mv(reader)), info_(std::move(info)) {}
+  virtual void drop() noexcept = 0;
+
+ protected:
+  ~Open() = default;
+};
+
+struct LinkRef {
+  RemoteLink* link;
+  std::set<Open*> open;
+};
+
+class RemoteReader final : public fs::FileReader, Open {
+ public:
+  RemoteReader(std::shared_ptr<LinkRef> ref, ::FileReader::Client reader, fs::FileInfo info)
+      : ref_(std::move(ref)), reader_(kj::mv(reader)), info_(std::move(info)) {
+    ref_->open.insert(this);
+  }
   ~RemoteReader() noexcept override {
+    drop();
+    ref_->open.erase(this);
+  }
+  void drop() noexcept override {
     QuietKj quiet;
     try {
       current_.reset();
@@ -29,10 +50,16 @@ class RemoteReader final : public fs::FileReader {
       reader_ = nullptr;
     } catch (...) {  // cancelling on a broken link may complain; the reader is going away
     }
+    dropped_ = true;
   }
 
   std::ptrdiff_t read(char* data, std::size_t size) override {
     QuietKj quiet;
+    if (dropped_ || ref_->link == nullptr) {
+      errno = EIO;
+      return -1;
+    }
+    RemoteLink& link_ = *ref_->link;
     std::size_t got = 0;
     try {
       while (got < size) {
@@ -72,30 +99,43 @@ class RemoteReader final : public fs::FileReader {
   }
 
   using Answer = capnp::Response<::FileReader::ReadResults>;
-  RemoteLink& link_;
+  std::shared_ptr<LinkRef> ref_;
   ::FileReader::Client reader_;
   fs::FileInfo info_;
   std::deque<capnp::RemotePromise<::FileReader::ReadResults>> pending_;
   std::unique_ptr<Answer> current_;
   std::size_t offset_ = 0;
   bool ended_ = false;
+  bool dropped_ = false;
 };
 
-class RemoteWriter final : public fs::FileWriter {
+class RemoteWriter final : public fs::FileWriter, Open {
  public:
-  RemoteWriter(RemoteLink& link, ::FileWriter::Client writer)
-      : link_(link), writer_(kj::mv(writer)) {}
+  RemoteWriter(std::shared_ptr<LinkRef> ref, ::FileWriter::Client writer)
+      : ref_(std::move(ref)), writer_(kj::mv(writer)) {
+    ref_->open.insert(this);
+  }
   // Dropped without commit, the daemon removes what was written.
   ~RemoteWriter() noexcept override {
+    drop();
+    ref_->open.erase(this);
+  }
+  void drop() noexcept override {
     QuietKj quiet;
     try {
       writer_ = nullptr;
     } catch (...) {  // a broken link may complain; the writer is going away
     }
+    dropped_ = true;
   }
 
   bool write(const char* data, std::size_t size) override {
     QuietKj quiet;
+    if (dropped_ || ref_->link == nullptr) {
+      errno = EIO;
+      return false;
+    }
+    RemoteLink& link_ = *ref_->link;
     try {
       while (size > 0) {
         const std::size_t n = std::min<std::size_t>(size, kFileBlock);
@@ -115,6 +155,11 @@ class RemoteWriter final : public fs::FileWriter {
   }
   bool commit(std::time_t lastWrite) override {
     QuietKj quiet;
+    if (dropped_ || ref_->link == nullptr) {
+      errno = EIO;
+      return false;
+    }
+    RemoteLink& link_ = *ref_->link;
     try {
       auto request = writer_.commitRequest();
       request.setLastWrite(lastWrite);
@@ -127,29 +172,31 @@ class RemoteWriter final : public fs::FileWriter {
   }
 
  private:
-  RemoteLink& link_;
+  std::shared_ptr<LinkRef> ref_;
   ::FileWriter::Client writer_;
+  bool dropped_ = false;
 };
 
 class RemoteFiles final : public fs::FileSystem {
  public:
-  explicit RemoteFiles(RemoteLink& link) : link_(&link) {}
+  explicit RemoteFiles(RemoteLink& link) : ref_(std::make_shared<LinkRef>(LinkRef{&link, {}})) {}
   ~RemoteFiles() noexcept override { disconnect(); }
 
   void disconnect() noexcept {
     QuietKj quiet;
+    for (Open* open : ref_->open) open->drop();
     try {
       files_.reset();
     } catch (...) {  // a broken link may complain; the link is going away
     }
-    link_ = nullptr;
+    ref_->link = nullptr;
   }
 
   bool stat(std::string_view path, fs::FileInfo& info) override {
     return run([&](::Files::Client& f) {
       auto request = f.statRequest();
       request.setPath(textOf(path));
-      auto answer = request.send().wait(link_->waitScope());
+      auto answer = request.send().wait(ws());
       if (!answered(answer.getError())) return false;
       info = takeEntry(answer.getEntry());
       return true;
@@ -160,7 +207,7 @@ class RemoteFiles final : public fs::FileSystem {
     return run([&](::Files::Client& f) {
       auto request = f.listRequest();
       request.setPath(textOf(folder));
-      auto answer = request.send().wait(link_->waitScope());
+      auto answer = request.send().wait(ws());
       if (!answered(answer.getError())) return false;
       for (auto e : answer.getEntries()) entries.push_back(takeEntry(e));
       return true;
@@ -171,10 +218,10 @@ class RemoteFiles final : public fs::FileSystem {
     (void)run([&](::Files::Client& f) {
       auto request = f.openReadRequest();
       request.setPath(textOf(path));
-      auto answer = request.send().wait(link_->waitScope());
+      auto answer = request.send().wait(ws());
       if (!answered(answer.getError())) return false;
       reader =
-          std::make_unique<RemoteReader>(*link_, answer.getReader(), takeEntry(answer.getEntry()));
+          std::make_unique<RemoteReader>(ref_, answer.getReader(), takeEntry(answer.getEntry()));
       return true;
     });
     return reader;
@@ -185,9 +232,9 @@ class RemoteFiles final : public fs::FileSystem {
       auto request = f.openWriteRequest();
       request.setPath(textOf(path));
       request.setFailIfExists(failIfExists);
-      auto answer = request.send().wait(link_->waitScope());
+      auto answer = request.send().wait(ws());
       if (!answered(answer.getError())) return false;
-      writer = std::make_unique<RemoteWriter>(*link_, answer.getWriter());
+      writer = std::make_unique<RemoteWriter>(ref_, answer.getWriter());
       return true;
     });
     return writer;
@@ -198,7 +245,7 @@ class RemoteFiles final : public fs::FileSystem {
       request.setFrom(textOf(from));
       request.setTo(textOf(to));
       request.setFailIfExists(failIfExists);
-      return answered(request.send().wait(link_->waitScope()).getError());
+      return answered(request.send().wait(ws()).getError());
     });
   }
   bool setTimes(std::string_view path, std::time_t lastWrite) override {
@@ -206,7 +253,7 @@ class RemoteFiles final : public fs::FileSystem {
       auto request = f.setTimesRequest();
       request.setPath(textOf(path));
       request.setLastWrite(lastWrite);
-      return answered(request.send().wait(link_->waitScope()).getError());
+      return answered(request.send().wait(ws()).getError());
     });
   }
   bool makeWritable(std::string_view path) override {
@@ -226,14 +273,14 @@ class RemoteFiles final : public fs::FileSystem {
       auto request = f.renameRequest();
       request.setFrom(textOf(from));
       request.setTo(textOf(to));
-      return answered(request.send().wait(link_->waitScope()).getError());
+      return answered(request.send().wait(ws()).getError());
     });
   }
   bool freeSpace(std::string_view path, std::uint64_t& bytes) override {
     return run([&](::Files::Client& f) {
       auto request = f.freeSpaceRequest();
       request.setPath(textOf(path));
-      auto answer = request.send().wait(link_->waitScope());
+      auto answer = request.send().wait(ws());
       if (!answered(answer.getError())) return false;
       bytes = answer.getBytes();
       return true;
@@ -241,18 +288,21 @@ class RemoteFiles final : public fs::FileSystem {
   }
 
  private:
+  kj::WaitScope& ws() { return ref_->link->waitScope(); }
   static capnp::Text::Reader textOf(std::string_view s) { return {s.data(), s.size()}; }
 
   template <typename Work>
   bool run(Work&& work) {
     QuietKj quiet;
+    RemoteLink* link_ = ref_->link;
     if (link_ == nullptr || !link_->ready()) {
       errno = EIO;
       return false;
     }
     try {
       if (files_.get() == nullptr) {
-        files_ = std::make_unique<::Files::Client>(link_->server()->filesRequest().send().getFiles());
+        files_ =
+            std::make_unique<::Files::Client>(link_->server()->filesRequest().send().getFiles());
       }
       return work(*files_);
     } catch (const kj::Exception& e) {
@@ -266,11 +316,11 @@ class RemoteFiles final : public fs::FileSystem {
     return run([&](::Files::Client& f) {
       auto request = make(f);
       request.setPath(textOf(path));
-      return answered(request.send().wait(link_->waitScope()).getError());
+      return answered(request.send().wait(ws()).getError());
     });
   }
 
-  RemoteLink* link_;
+  std::shared_ptr<LinkRef> ref_;
   std::unique_ptr<::Files::Client> files_;
 };
 

@@ -265,6 +265,21 @@ TEST_P(ContentsLive, ShareFilesInsertOverlayDownloadAndStaleness) {
   ASSERT_EQ(MVDownLoadImageData2(kBook, 7, again.c_str(), 1, "client"), 0);
   EXPECT_FALSE(mv::fs::exists(again + "/b.tif"));
   EXPECT_TRUE(mv::fs::exists(again + "/a.tif"));
+
+  // An index whose names lead out of the folders: the plain names are copied, the others never
+  // written, and the download fails.
+  put(source + "/index.bif", "[DataCnt],3\n[Data],a.tif,1,,3\n[Data],..\\..\\evil.tif,1,,3\n"
+                             "[Data],/tmp/evil.tif,5,,3");
+  ASSERT_EQ(MVUpDateImageDataEx2(kBook, 7, source.c_str(), 1, "client"), 0);
+  const std::string fresh = temp / "fresh";
+  mkdir(fresh.c_str(), 0777);
+  EXPECT_EQ(MVDownLoadImageData2(kBook, 7, fresh.c_str(), 0, "client"), -1);
+  EXPECT_EQ(content(fresh + "/a.tif"), "a2");
+  EXPECT_FALSE(mv::fs::exists(temp / "evil.tif"));
+  EXPECT_EQ(MVDeleteImageData2(kBook, 7, "..\\a.tif", "client"), -1);
+  if (remote() && mvtest::namespacedDaemons()) {
+    EXPECT_FALSE(mv::fs::exists(dataFolder() + "/shares")) << "the daemon's disk is its own";
+  }
 }
 
 }  // namespace

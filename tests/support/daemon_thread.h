@@ -27,6 +27,7 @@ class DaemonThread {
   const std::string& error() const { return error_; }
   uint16_t port() const { return port_; }
   int liveSessions() const { return core_->liveSessions(); }
+  const std::string& folder() const { return folder_.path(); }
   std::string log();
 
   // Ends the daemon as if it died: the listening socket and every connection close. `closed`
