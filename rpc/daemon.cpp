@@ -34,13 +34,19 @@ namespace mv::rpc {
 namespace {
 
 // Every option by its name; flags take no value on the command line (or "=value").
-const option kOptions[] = {
-    {"data", required_argument, nullptr, 0},       {"listen", required_argument, nullptr, 0},
-    {"admin", required_argument, nullptr, 0},      {"password", required_argument, nullptr, 0},
-    {"tls-cert", required_argument, nullptr, 0},   {"tls-key", required_argument, nullptr, 0},
-    {"token-file", required_argument, nullptr, 0}, {"config", required_argument, nullptr, 0},
-    {"init", optional_argument, nullptr, 0},       {"insecure", optional_argument, nullptr, 0},
-    {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
+const option kOptions[] = {{"data", required_argument, nullptr, 0},
+                           {"listen", required_argument, nullptr, 0},
+                           {"admin", required_argument, nullptr, 0},
+                           {"password", required_argument, nullptr, 0},
+                           {"tls-cert", required_argument, nullptr, 0},
+                           {"tls-key", required_argument, nullptr, 0},
+                           {"token-file", required_argument, nullptr, 0},
+                           {"config", required_argument, nullptr, 0},
+                           {"init", optional_argument, nullptr, 0},
+                           {"insecure", optional_argument, nullptr, 0},
+                           {"share-name", required_argument, nullptr, 0},
+                           {"help", no_argument, nullptr, 'h'},
+                           {nullptr, 0, nullptr, 0}};
 
 bool flagValue(const std::string& name, const std::string& text, bool& value, std::string& error) {
   static const std::set<std::string, std::less<>> yes = {"1", "true", "yes", "on"};
@@ -158,6 +164,13 @@ bool resolveOptions(const OptionMap& commandLine, const OptionMap& file, DaemonO
       out.tokenFile = value;
     } else if (name == "config") {
       out.config = value;
+    } else if (name == "share-name") {
+      // It stands between "\\\\" and the share's name in every share path a client gets.
+      if (value.empty() || value.find_first_of("\\/") != std::string::npos) {
+        error = "share-name \"" + value + "\" is not a plain name";
+        return false;
+      }
+      out.shareName = value;
     } else if (name == "init") {
       if (!flagValue(name, value, out.init, error)) return false;
     } else if (name == "insecure") {

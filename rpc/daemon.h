@@ -34,6 +34,7 @@ struct DaemonOptions {
   std::string tokenFile;
   bool insecure = false;
   std::string config;
+  std::string shareName;  // empty: the host name
 };
 
 // Options by their names without dashes ("data", "tls-cert"), as given.

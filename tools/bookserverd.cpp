@@ -2,7 +2,7 @@
 //
 //   bookserverd --data DIR --listen HOST:PORT [--init] [--admin NAME --password TEXT]
 //               [--tls-cert FILE --tls-key FILE] [--token-file FILE] [--insecure]
-//               [--config FILE]
+//               [--config FILE] [--share-name NAME]
 //
 // The configuration file holds the same options without their dashes, one `name = value` a
 // line, in the INI form of platform/ini.h (comments take whole lines); flags take true/false,
@@ -44,7 +44,7 @@ using mv::rpc::logToStderr;
 constexpr char kUsage[] =
     "usage: bookserverd --data DIR --listen HOST:PORT [--init] [--admin NAME --password TEXT]\n"
     "                   [--tls-cert FILE --tls-key FILE] [--token-file FILE] [--insecure]\n"
-    "                   [--config FILE]\n";
+    "                   [--config FILE] [--share-name NAME]\n";
 
 std::atomic<mv::rpc::Daemon*> running{nullptr};
 
@@ -124,6 +124,7 @@ int main(int argc, char** argv) {
   }
 
   mv::rpc::ServeOptions serve;
+  serve.shareServer = options.shareName;
   if (tokens) {
     if (!mv::rpc::loadTokens(options.tokenFile, serve.tokens, error)) return refuse(error);
     struct stat st {};

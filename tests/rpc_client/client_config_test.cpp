@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
+
 #include "client_env.h"
 #include "frame/connection.h"
 #include "rpc/client_config.h"
@@ -68,6 +71,26 @@ TEST(ClientConfigParse, ReadsEverySettingAndSaysWhichLineItRefusesAndWhy) {
       EXPECT_THAT(error, HasSubstr(c.expected)) << c.text;
     }
   }
+}
+
+// The example a reader copies from the README, with its one commented-out line in force.
+TEST(ClientConfigParse, TheReadmeExampleParsesAsWritten) {
+  std::ifstream in(MVCORE_TEST_DATA "/../../README.md");
+  const std::string readme((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::size_t start = readme.find("# ~/.config/mvcore/client.conf");
+  ASSERT_NE(start, std::string::npos);
+  std::string example = readme.substr(start, readme.find("```", start) - start);
+  std::vector<mv::rpc::ServerEntry> entries;
+  std::string error;
+  ASSERT_TRUE(mv::rpc::parseClientConfig(example, "/home/u/.config/mvcore", entries, error))
+      << error;
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].address, "books.example.org");
+  EXPECT_TRUE(entries[0].tokenFile.ends_with("/.config/mvcore/books.token"))
+      << entries[0].tokenFile;
+  example.replace(example.find("# share-mount"), 2, "");
+  ASSERT_TRUE(mv::rpc::parseClientConfig(example, "/", entries, error)) << error;
+  EXPECT_EQ(entries.at(0).shareMount, "/mnt/books");
 }
 
 TEST(HostPort, SplitsAddressAndPortOfLoopbackAndOtherNames) {

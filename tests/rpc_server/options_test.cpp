@@ -70,15 +70,17 @@ TEST(DaemonOptions, ConfigFileAndTheCommandLineWinning) {
     const char* text;
     const char* expected;  // the resolved options, or what the error must say
     bool ok = false;
-  } cases[] = {{"# bookserverd\n\n  data = /var/lib/mv books \r\nLISTEN=0.0.0.0:2\ninsecure = on\n"
-                "init = 0\ntls-key = a\n",
-                "data=/var/lib/mv books listen=127.0.0.1:1 tls-key=a insecure=0 init=0", true},
-               {"data /x\n", "line 1"},
-               {"data = x\nport = 4\n", "line 2: unknown name \"port\""},
-               {"config = /etc/other\n", "line 1"},  // a configuration names no other
-               {"data = x\n[s]\n", "line 2"},
-               {"data = /x  # the books\n", "line 1: a comment"},
-               {"init = maybe\n", "init"}};
+  } cases[] = {
+      {"# bookserverd\n\n  data = /var/lib/mv books \r\nLISTEN=0.0.0.0:2\ninsecure = on\n"
+       "init = 0\ntls-key = a\nshare-name = books\n",
+       "data=/var/lib/mv books listen=127.0.0.1:1 tls-key=a insecure=0 init=0 share=books", true},
+      {"share-name = a\\b\n", "share-name \"a\\b\" is not a plain name"},
+      {"data /x\n", "line 1"},
+      {"data = x\nport = 4\n", "line 2: unknown name \"port\""},
+      {"config = /etc/other\n", "line 1"},  // a configuration names no other
+      {"data = x\n[s]\n", "line 2"},
+      {"data = /x  # the books\n", "line 1: a comment"},
+      {"init = maybe\n", "init"}};
   for (const auto& c : cases) {
     OptionMap file;
     mv::rpc::DaemonOptions o;
@@ -88,7 +90,8 @@ TEST(DaemonOptions, ConfigFileAndTheCommandLineWinning) {
     ASSERT_EQ(ok, c.ok) << c.text << ": " << error;
     if (ok) {
       EXPECT_EQ("data=" + o.data + " listen=" + o.listen + " tls-key=" + o.tlsKey +
-                    " insecure=" + std::to_string(o.insecure) + " init=" + std::to_string(o.init),
+                    " insecure=" + std::to_string(o.insecure) + " init=" + std::to_string(o.init) +
+                    " share=" + o.shareName,
                 c.expected);
     } else {
       EXPECT_THAT(error, HasSubstr(c.expected)) << c.text;
