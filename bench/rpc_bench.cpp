@@ -44,6 +44,7 @@
 #include "child_process.h"
 #include "frame/blocks.h"
 #include "frame/exchange.h"
+#include "platform/files.h"
 #include "rpc/remote_book_server.h"
 #include "server/core/book_server.h"
 #include "server/sqlite/sqlite_engine.h"
@@ -555,10 +556,148 @@ BENCHMARK(BM_RemoteDownload)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
+// ---------------------------------------------------------------------------------------------
+// A 100 MB file into a share of the daemon and back, through the library's file seam and the
+// session's file service, beside its floor: the slower of the same bytes through a plain loopback
+// socket and a synced copy of them on the daemon's disk. The daemon's and this process's peak
+// resident memory during the transfers tell whether either holds the file.
+
+struct ShareRun {
+  std::string share;   // the staging folder as the daemon answers it
+  std::string source;  // a local 100 MB file
+  double uploadSeconds = 0, downloadSeconds = 0, tcpSeconds = 0, diskSeconds = 0;
+};
+ShareRun shares;
+
+double perIteration(const benchmark::State& state, std::chrono::steady_clock::duration total) {
+  return std::chrono::duration<double>(total).count() / static_cast<double>(state.iterations());
+}
+
+bool prepareShare(std::string& error) {
+  if (!shares.share.empty()) return true;
+  mv::IBookServer* server = remoteServer(error);
+  if (server == nullptr) return false;
+  mv::Bstr folder;
+  if (server->OpenNetShare(mv::toWide("bench").get(), mv::toWide("bench").get(),
+                           mv::toWide("").get(), mv::toWide("").get(), -1, folder.out()) != 0) {
+    error = "OpenNetShare failed";
+    return false;
+  }
+  shares.share = mv::toAnsi(folder.get());
+  shares.source = (run.embeddedFolder / "share-source.bin").string();
+  const auto writer = mv::fs::openWrite(shares.source, false);
+  std::vector<uint8_t> block(1 << 20);
+  for (int64_t offset = 0; writer && offset < kBlobBytes;
+       offset += static_cast<int64_t>(block.size())) {
+    fillBlock(block.data(), offset, block.size());
+    if (!writer->write(reinterpret_cast<const char*>(block.data()), block.size())) break;
+  }
+  if (!writer || !writer->commit(-1)) {
+    error = "cannot write the source file";
+    return false;
+  }
+  return true;
+}
+
+void BM_ShareUpload(benchmark::State& state) {
+  std::string error;
+  if (!prepareShare(error)) return fail(state, error);
+  const std::string target = shares.share + "\\up.bin";
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    if (!mv::fs::copyFile(shares.source, target, false)) return fail(state, "upload failed");
+  }
+  shares.uploadSeconds = perIteration(state, std::chrono::steady_clock::now() - start);
+  setRates(state, state.iterations() * kBlobBytes);
+}
+BENCHMARK(BM_ShareUpload)
+    ->Name("BM_Share100MB/remote_upload")
+    ->Iterations(kBlobIterations)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_ShareDownload(benchmark::State& state) {
+  std::string error;
+  if (!prepareShare(error)) return fail(state, error);
+  const std::string source = shares.share + "\\up.bin";
+  const std::string target = (run.embeddedFolder / "share-down.bin").string();
+  if (!mv::fs::exists(source) && !mv::fs::copyFile(shares.source, source, false)) {
+    return fail(state, "no file to download");
+  }
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    if (!mv::fs::copyFile(source, target, false)) return fail(state, "download failed");
+  }
+  shares.downloadSeconds = perIteration(state, std::chrono::steady_clock::now() - start);
+  std::vector<uint8_t> head(4096);
+  const auto reader = mv::fs::openRead(target);
+  if (!reader || reader->read(reinterpret_cast<char*>(head.data()), head.size()) != 4096 ||
+      !sampleMatches(head.data(), head.size(), 0)) {
+    fail(state, "the downloaded file differs");
+  }
+  setRates(state, state.iterations() * kBlobBytes);
+}
+BENCHMARK(BM_ShareDownload)
+    ->Name("BM_Share100MB/remote_download")
+    ->Iterations(kBlobIterations)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// The daemon's side of the floor: the file copied on its disk and synced, as the service writes.
+void BM_DiskCopySynced(benchmark::State& state) {
+  std::string error;
+  if (!prepareShare(error)) return fail(state, error);
+  const std::string target = (run.daemonFolder / "staging" / "disk-copy.bin").string();
+  std::vector<char> block(1 << 20);
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    const int in = ::open(shares.source.c_str(), O_RDONLY | O_CLOEXEC);
+    const int out = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    bool good = in >= 0 && out >= 0;
+    for (ssize_t n = 0; good && (n = ::read(in, block.data(), block.size())) > 0;) {
+      good = ::write(out, block.data(), static_cast<std::size_t>(n)) == n;
+    }
+    good = good && ::fsync(out) == 0;
+    if (in >= 0) ::close(in);
+    if (out >= 0) ::close(out);
+    if (!good) return fail(state, "disk copy failed");
+  }
+  shares.diskSeconds = perIteration(state, std::chrono::steady_clock::now() - start);
+  ::unlink(target.c_str());
+  setRates(state, state.iterations() * kBlobBytes);
+}
+BENCHMARK(BM_DiskCopySynced)
+    ->Name("BM_Share100MB/disk_copy_fsync")
+    ->Iterations(kBlobIterations)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// Peak resident memory of a process, after resetting it; kB.
+void resetPeak(pid_t pid) {
+  if (FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/clear_refs").c_str(), "w")) {
+    std::fputs("5", f);
+    std::fclose(f);
+  }
+}
+
+long statusKb(pid_t pid, const char* field) {
+  FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+  if (f == nullptr) return -1;
+  char line[256];
+  long kb = -1;
+  while (std::fgets(line, sizeof line, f) != nullptr) {
+    if (std::strncmp(line, field, std::strlen(field)) == 0)
+      kb = std::atol(line + std::strlen(field) + 1);
+  }
+  std::fclose(f);
+  return kb;
+}
+
 void BM_TcpCopy(benchmark::State& state) {
   Socket reader, writer;
   if (!loopbackPair(reader, writer)) return fail(state, "no loopback connection");
   std::vector<uint8_t> in(mv::kBlockSize);
+  const auto start = std::chrono::steady_clock::now();
   for (auto _ : state) {
     std::thread send([fd = writer.fd()] {
       std::vector<uint8_t> out(mv::kBlockSize);
@@ -585,6 +724,7 @@ void BM_TcpCopy(benchmark::State& state) {
       break;
     }
   }
+  shares.tcpSeconds = perIteration(state, std::chrono::steady_clock::now() - start);
   setRates(state, state.iterations() * kBlobBytes);
 }
 BENCHMARK(BM_TcpCopy)
@@ -635,8 +775,25 @@ int runAll(int argc, char** argv) {
   }
   run.host = "127.0.0.1:" + std::to_string(run.port);
 
+  const pid_t self = ::getpid();
+  resetPeak(daemon.pid());
+  resetPeak(self);
+  const long daemonBefore = statusKb(daemon.pid(), "VmRSS:");
+  const long selfBefore = statusKb(self, "VmRSS:");
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
+  if (shares.uploadSeconds > 0 && shares.downloadSeconds > 0 && shares.tcpSeconds > 0 &&
+      shares.diskSeconds > 0) {
+    const double floor = std::max(shares.tcpSeconds, shares.diskSeconds);
+    std::printf(
+        "share 100 MB: upload %.2f of its floor, download %.2f (floor: the slower of "
+        "loopback TCP %.0f MB/s and a synced disk copy %.0f MB/s)\n",
+        floor / shares.uploadSeconds, floor / shares.downloadSeconds, 100.0 / shares.tcpSeconds,
+        100.0 / shares.diskSeconds);
+    std::printf("peak resident memory rise over the run: daemon %ld kB, client %ld kB\n",
+                statusKb(daemon.pid(), "VmHWM:") - daemonBefore,
+                statusKb(self, "VmHWM:") - selfBefore);
+  }
 
   // The servers before the daemon and the folders: sessions end cleanly, locks are let go.
   run.remote.reset();

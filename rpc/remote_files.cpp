@@ -123,6 +123,7 @@ class RemoteWriter final : public fs::FileWriter, Open {
   void drop() noexcept override {
     QuietKj quiet;
     try {
+      inFlight_.clear();
       writer_ = nullptr;
     } catch (...) {  // a broken link may complain; the writer is going away
     }
@@ -141,8 +142,14 @@ class RemoteWriter final : public fs::FileWriter, Open {
         const std::size_t n = std::min<std::size_t>(size, kFileBlock);
         auto request = writer_.writeRequest();
         request.setData(kj::arrayPtr(reinterpret_cast<const kj::byte*>(data), n));
-        // Resolves at once while the stream's window has room: the wait is the flow control.
-        request.send().wait(link_.waitScope());
+        // A few blocks stay on their way while the next is read: the wait for the oldest is the
+        // flow control, and bounds what is held to kFileWriteAhead blocks.
+        inFlight_.push_back(request.send());
+        if (inFlight_.size() > kFileWriteAhead) {
+          auto oldest = kj::mv(inFlight_.front());
+          inFlight_.pop_front();
+          oldest.wait(link_.waitScope());
+        }
         data += n;
         size -= n;
       }
@@ -161,6 +168,11 @@ class RemoteWriter final : public fs::FileWriter, Open {
     }
     RemoteLink& link_ = *ref_->link;
     try {
+      while (!inFlight_.empty()) {
+        auto oldest = kj::mv(inFlight_.front());
+        inFlight_.pop_front();
+        oldest.wait(link_.waitScope());
+      }
       auto request = writer_.commitRequest();
       request.setLastWrite(lastWrite);
       return answered(request.send().wait(link_.waitScope()).getError());
@@ -174,6 +186,7 @@ class RemoteWriter final : public fs::FileWriter, Open {
  private:
   std::shared_ptr<LinkRef> ref_;
   ::FileWriter::Client writer_;
+  std::deque<kj::Promise<void>> inFlight_;
   bool dropped_ = false;
 };
 

@@ -11,9 +11,10 @@
 
 namespace mv::rpc {
 
-// Block size of reads and writes, and how many reads go out ahead of the reader.
-inline constexpr uint32_t kFileBlock = 1u << 20;
-inline constexpr std::size_t kFileReadAhead = 4;
+// Block size of reads and writes, and how many of them are on their way at once.
+inline constexpr uint32_t kFileBlock = 256u << 10;
+inline constexpr std::size_t kFileReadAhead = 8;
+inline constexpr std::size_t kFileWriteAhead = 8;
 
 // Lives no longer than `link`'s owner: disconnect() before the link goes, after which every call
 // fails with EIO.

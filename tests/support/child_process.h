@@ -38,6 +38,7 @@ class ChildProcess {
   // The port of the first "listening on HOST:PORT" line; 0 when none came in time.
   uint16_t waitForPort(std::chrono::milliseconds limit = 20s);
   void signal(int number);
+  pid_t pid() const { return pid_; }
   // The exit status, or -N after signal N; nothing when it has not ended within `limit`.
   std::optional<int> waitExit(std::chrono::milliseconds limit = 20s);
   std::string log();
