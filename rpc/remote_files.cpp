@@ -131,13 +131,7 @@ class RemoteWriter final : public fs::FileWriter, Open {
   }
 
   bool write(const char* data, std::size_t size) override {
-    QuietKj quiet;
-    if (dropped_ || ref_->link == nullptr) {
-      errno = EIO;
-      return false;
-    }
-    RemoteLink& link_ = *ref_->link;
-    try {
+    return onLink([&](RemoteLink& link) {
       while (size > 0) {
         const std::size_t n = std::min<std::size_t>(size, kFileBlock);
         auto request = writer_.writeRequest();
@@ -145,45 +139,46 @@ class RemoteWriter final : public fs::FileWriter, Open {
         // A few blocks stay on their way while the next is read: the wait for the oldest is the
         // flow control, and bounds what is held to kFileWriteAhead blocks.
         inFlight_.push_back(request.send());
-        if (inFlight_.size() > kFileWriteAhead) {
-          auto oldest = kj::mv(inFlight_.front());
-          inFlight_.pop_front();
-          oldest.wait(link_.waitScope());
-        }
+        drain(link, kFileWriteAhead);
         data += n;
         size -= n;
       }
       return true;
-    } catch (const kj::Exception& e) {
-      link_.failed(e);
-      errno = EIO;
-      return false;
-    }
+    });
   }
   bool commit(std::time_t lastWrite) override {
+    return onLink([&](RemoteLink& link) {
+      drain(link, 0);
+      auto request = writer_.commitRequest();
+      request.setLastWrite(lastWrite);
+      return answered(request.send().wait(link.waitScope()).getError());
+    });
+  }
+
+ private:
+  template <typename Work>
+  bool onLink(Work&& work) {
     QuietKj quiet;
     if (dropped_ || ref_->link == nullptr) {
       errno = EIO;
       return false;
     }
-    RemoteLink& link_ = *ref_->link;
     try {
-      while (!inFlight_.empty()) {
-        auto oldest = kj::mv(inFlight_.front());
-        inFlight_.pop_front();
-        oldest.wait(link_.waitScope());
-      }
-      auto request = writer_.commitRequest();
-      request.setLastWrite(lastWrite);
-      return answered(request.send().wait(link_.waitScope()).getError());
+      return work(*ref_->link);
     } catch (const kj::Exception& e) {
-      link_.failed(e);
+      ref_->link->failed(e);
       errno = EIO;
       return false;
     }
   }
+  void drain(RemoteLink& link, std::size_t keep) {
+    while (inFlight_.size() > keep) {
+      auto oldest = kj::mv(inFlight_.front());
+      inFlight_.pop_front();
+      oldest.wait(link.waitScope());
+    }
+  }
 
- private:
   std::shared_ptr<LinkRef> ref_;
   ::FileWriter::Client writer_;
   std::deque<kj::Promise<void>> inFlight_;
