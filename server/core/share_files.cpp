@@ -60,7 +60,7 @@ std::string realPrefix(const std::string& path) {
     if (::realpath(head.c_str(), resolved) != nullptr) return resolved + tail;
     const std::size_t slash = head.rfind('/');
     if (slash == std::string::npos || slash == 0) return path;
-    tail = head.substr(slash) + tail;
+    tail.insert(0, head, slash);
     head.resize(slash);
   }
 }

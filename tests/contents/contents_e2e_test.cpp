@@ -277,6 +277,20 @@ TEST_P(ContentsLive, ShareFilesInsertOverlayDownloadAndStaleness) {
   EXPECT_EQ(content(fresh + "/a.tif"), "a2");
   EXPECT_FALSE(mv::fs::exists(temp / "evil.tif"));
   EXPECT_EQ(MVDeleteImageData2(kBook, 7, "..\\a.tif", "client"), -1);
+  // Only the index, then a tag whose files go with it.
+  const std::string indexOnly = temp / "index-only";
+  mkdir(indexOnly.c_str(), 0777);
+  ASSERT_EQ(MVDownLoadImageData2(kBook, 7, indexOnly.c_str(), 3, "client"), 0);
+  EXPECT_EQ(mv::fs::findFiles(indexOnly + "/*").size(), 1u);
+  EXPECT_TRUE(mv::fs::exists(indexOnly + "/index.bif"));
+  int32_t disp = 0;
+  const int32_t photos = tag("photos", 0, &disp);
+  ASSERT_EQ(MVInsertImageDataEX2(kBook, photos, source.c_str(), 2, "client"), 0);
+  ASSERT_EQ(MVDeleteTag2(kBook, photos, disp, "client"), 0);
+  const std::string gone = temp / "gone";
+  mkdir(gone.c_str(), 0777);
+  ASSERT_EQ(MVDownLoadImageData2(kBook, photos, gone.c_str(), 2, "client"), 0);
+  EXPECT_TRUE(mv::fs::findFiles(gone + "/*").empty());
   if (remote() && mvtest::namespacedDaemons()) {
     EXPECT_FALSE(mv::fs::exists(dataFolder() + "/shares")) << "the daemon's disk is its own";
   }
