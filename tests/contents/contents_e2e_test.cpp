@@ -268,8 +268,9 @@ TEST_P(ContentsLive, ShareFilesInsertOverlayDownloadAndStaleness) {
 
   // An index whose names lead out of the folders: the plain names are copied, the others never
   // written, and the download fails.
-  put(source + "/index.bif", "[DataCnt],3\n[Data],a.tif,1,,3\n[Data],..\\..\\evil.tif,1,,3\n"
-                             "[Data],/tmp/evil.tif,5,,3");
+  put(source + "/index.bif",
+      "[DataCnt],3\n[Data],a.tif,1,,3\n[Data],..\\..\\evil.tif,1,,3\n"
+      "[Data],/tmp/evil.tif,5,,3");
   ASSERT_EQ(MVUpDateImageDataEx2(kBook, 7, source.c_str(), 1, "client"), 0);
   const std::string fresh = temp / "fresh";
   mkdir(fresh.c_str(), 0777);
