@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Line coverage of the library, the server and the wire by the whole test suite, with gcovr.
-# Prints the summary and writes build/coverage/coverage.html; extra arguments go to gcovr.
+# Prints the summary and writes build/coverage/coverage.html; extra arguments go to gcovr (after
+# the search path, so that an option with an optional value such as --txt keeps its default).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 command -v gcovr >/dev/null || {
@@ -13,4 +14,4 @@ find build/coverage -name '*.gcda' -delete
 ctest --preset coverage -j "$(nproc)" || true
 gcovr --root . --filter 'src/' --filter 'server/' --filter 'rpc/' --exclude '.*/generated/.*' \
   --exclude-unreachable-branches \
-  --print-summary --html-details build/coverage/coverage.html "$@" build/coverage
+  --print-summary --html-details build/coverage/coverage.html build/coverage "$@"
