@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "platform/file_system.h"
 #include "server/core/status.h"
 
 namespace mv::server {
@@ -83,9 +84,20 @@ std::shared_ptr<ServerCore> ServerCore::open(const std::string& folder, const In
   }
   core->engine_ = engine(folder + "/db", error);
   if (!core->engine_) return nullptr;
-  // Leftovers of uploads or carries that a stopped server did not finish.
+  // Leftovers of uploads or carries that a stopped server did not finish, and share files whose
+  // writer died before it committed them (they never took their names).
   for (const auto& entry : stdfs::directory_iterator(folder + "/staging/uploads", ec)) {
     stdfs::remove(entry.path(), ec);
+  }
+  for (const char* sub : {"/shares", "/staging"}) {
+    std::vector<stdfs::path> partial;
+    for (auto it = stdfs::recursive_directory_iterator(folder + sub, ec);
+         !ec && it != stdfs::recursive_directory_iterator(); it.increment(ec)) {
+      if (it->is_regular_file(ec) && fs::isUncommittedWrite(it->path().filename().string())) {
+        partial.push_back(it->path());
+      }
+    }
+    for (const stdfs::path& p : partial) stdfs::remove(p, ec);
   }
   if (!core->initialise(init, error)) return nullptr;
   return core;

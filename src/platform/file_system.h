@@ -70,6 +70,10 @@ class FileSystem {
   virtual bool freeSpace(std::string_view path, std::uint64_t& bytes) = 0;
 };
 
+// Whether a name is that of a write not committed (a FileWriter's temporary): what a process
+// that died in the middle of a write leaves behind, for the owner of a folder to sweep.
+bool isUncommittedWrite(std::string_view name);
+
 // The machine's own disks. A durable one syncs a written file before it takes its name.
 FileSystem& localFiles();
 std::unique_ptr<FileSystem> makeLocalFiles(bool durable);

@@ -89,6 +89,9 @@ FileInfo describe(const struct stat& st) {
   return info;
 }
 
+// A FileWriter's temporary: "." name ".part-" pid "-" serial.
+constexpr std::string_view kPartMark = ".part-";
+
 // The mode a new file gets from open(..., 0666): what the umask leaves of it.
 mode_t newFileMode() {
   static const mode_t mode = [] {
@@ -272,7 +275,7 @@ class LocalFiles final : public FileSystem {
     const std::string folder = slash == std::string::npos ? std::string() : p->substr(0, slash + 1);
     const std::string name = slash == std::string::npos ? *p : p->substr(slash + 1);
     static std::atomic<unsigned> counter{0};
-    std::string temporary = folder + "." + name.substr(0, 180) + ".part-" +
+    std::string temporary = folder + "." + name.substr(0, 180) + std::string(kPartMark) +
                             std::to_string(::getpid()) + "-" + std::to_string(++counter);
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) return nullptr;
@@ -384,6 +387,21 @@ Registry& registry() {
 }  // namespace
 
 FileSystem& localFiles() { return *sharedLocalFiles(); }
+
+bool isUncommittedWrite(std::string_view name) {
+  const std::size_t mark = name.rfind(kPartMark);
+  if (name.empty() || name.front() != '.' || mark == std::string_view::npos || mark == 0) {
+    return false;
+  }
+  const std::string_view tail = name.substr(mark + kPartMark.size());
+  const std::size_t dash = tail.find('-');
+  const auto digits = [](std::string_view d) {
+    return !d.empty() &&
+           std::all_of(d.begin(), d.end(), [](char c) { return c >= '0' && c <= '9'; });
+  };
+  return dash != std::string_view::npos && digits(tail.substr(0, dash)) &&
+         digits(tail.substr(dash + 1));
+}
 
 std::unique_ptr<FileSystem> makeLocalFiles(bool durable) {
   return std::make_unique<LocalFiles>(durable);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "book_server_session.h"
@@ -131,6 +132,29 @@ TEST_F(ShareFilesTest, AnUnfinishedWriteLeavesNothingUnderItsName) {
   struct stat st {};
   ASSERT_EQ(::stat((local + "/a.tif").c_str(), &st), 0);
   EXPECT_EQ(st.st_size, 5);
+  // A writer whose process died: its temporary stays until the server starts again, while a
+  // name that only looks alike stays for good.
+  {
+    const auto writer = f->openWrite(share + "\\b.tif", false);
+    ASSERT_TRUE(writer && writer->write("part", 4));
+    std::vector<mv::fs::FileInfo> hidden;
+    ASSERT_TRUE(mv::fs::localFiles().list(local, hidden));
+    const auto temporary = std::find_if(hidden.begin(), hidden.end(),
+                                        [](const auto& e) { return e.name.starts_with(".b.tif"); });
+    ASSERT_NE(temporary, hidden.end());
+    ASSERT_EQ(::rename((local + "/" + temporary->name).c_str(), (local + "/.orphan").c_str()), 0);
+    ASSERT_EQ(::link((local + "/.orphan").c_str(), (local + "/" + temporary->name + "7").c_str()),
+              0);
+  }
+  const std::string lookalike = local + "/.notes.part-one-2";
+  ASSERT_EQ(::link((local + "/.orphan").c_str(), lookalike.c_str()), 0);
+  reopen();
+  std::vector<mv::fs::FileInfo> after;
+  ASSERT_TRUE(mv::fs::localFiles().list(local, after));
+  std::vector<std::string> names;
+  for (const auto& e : after) names.push_back(e.name);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{".notes.part-one-2", ".orphan", "a.tif"}));
 }
 
 TEST_F(ShareFilesTest, TheEmbeddedServerAnswersLocalPathsAndServesNoFiles) {
