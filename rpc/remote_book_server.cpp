@@ -8,7 +8,6 @@
 #include <unordered_map>
 #include <utility>
 
-#include "platform/text.h"
 #include "platform/utf.h"
 #include "rpc/convert.h"
 #include "rpc/remote_files.h"
@@ -201,12 +200,11 @@ void RemoteBookServer::adoptSharePaths(const ServerMethod& method, std::span<con
       *out = utf8ToBstr(shareMount_ + path.substr(2 + server.size()));
       continue;
     }
+    // Attached anew each time, so that the session that opened a share last is the one its
+    // paths reach, also when another link to the same server opened one in between.
     if (files_ == nullptr) files_ = makeRemoteFiles(link_);
-    if (attachment_ == 0 || !equalsIgnoringAsciiCase(attachedServer_, server)) {
-      if (attachment_ != 0) fs::detach(attachment_);
-      attachedServer_ = std::string(server);
-      attachment_ = fs::attach(server, files_);
-    }
+    if (attachment_ != 0) fs::detach(attachment_);
+    attachment_ = fs::attach(server, files_);
   }
 }
 

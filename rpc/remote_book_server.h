@@ -69,13 +69,13 @@ class RemoteBookServer final : public ForwardingServer {
                BookServer::CallResults::Reader answer);
   int32_t downLoad(const ServerMethod& method, std::span<const ArgRef> args);
   // A share path the daemon answered: rewritten to the local mount when one is configured, else
-  // reached through this link's file service, attached for the server's name.
+  // reached through this link's file service, attached for the server's name in front of any
+  // other link's.
   void adoptSharePaths(const ServerMethod& method, std::span<const ArgRef> args);
 
   RemoteOptions options_;
   std::string shareMount_;
   std::shared_ptr<fs::FileSystem> files_;
-  std::string attachedServer_;
   fs::Attachment attachment_ = 0;
   RemoteLink link_;
   // Declared after the link so that its requests are cancelled while there is one.

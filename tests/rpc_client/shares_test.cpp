@@ -99,6 +99,24 @@ TEST_F(RemoteShares, FilesCrossBothWaysWithTheirDatesAndRefusalsKeepTheirCause) 
   EXPECT_EQ(errno, ENOENT);
 }
 
+// Two links to one daemon, as MVChangeServer makes: a share path reaches the session that
+// opened its share last.
+TEST_F(RemoteShares, APathReachesTheLinkThatOpenedItsShareLast) {
+  mv::IBookServer* home = connect();
+  mv::IBookServer* other = connect();
+  const std::string share = openStaging(home);
+  ASSERT_TRUE(mv::fs::copyFile(local.write("h.bin", "home"), share + "\\h.bin", false));
+  openStaging(other);
+  ASSERT_EQ(other->CloseNetShare(mv::toWide("").get(), mv::toWide("").get(), -1), 0);
+  EXPECT_FALSE(mv::fs::exists(share + "\\h.bin"));  // other's session has nothing open
+  EXPECT_EQ(errno, EACCES);
+  openStaging(home);
+  EXPECT_TRUE(mv::fs::exists(share + "\\h.bin"));
+  other->Release();
+  EXPECT_TRUE(mv::fs::exists(share + "\\h.bin"));
+  home->Release();
+}
+
 TEST_F(RemoteShares, AConnectionLostInAWriteLeavesNoFileAndTheNextTrySucceeds) {
   mv::IBookServer* server = connect();
   const std::string share = openStaging(server);
