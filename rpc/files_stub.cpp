@@ -61,7 +61,7 @@ class WriterStub final : public ::FileWriter::Server {
     if (error_ == 0 && writer_ != nullptr && !writer_->commit(context.getParams().getLastWrite()))
       error_ = error();
     writer_.reset();
-    context.getResults().setError(error_ != 0 ? error_ : 0);
+    context.getResults().setError(error_);
     if (error_ == 0) error_ = EBADF;  // committed: nothing more goes to this file
     return kj::READY_NOW;
   }
@@ -153,9 +153,12 @@ class FilesStub final : public ::Files::Server {
  private:
   template <typename Context, typename Work>
   kj::Promise<void> answer(Context& context, Work&& work) {
+    if (files_ == nullptr) {
+      context.getResults().setError(ENOSYS);
+      return kj::READY_NOW;
+    }
     errno = 0;
-    const bool done = files_ != nullptr ? work(*files_) : (errno = ENOSYS, false);
-    context.getResults().setError(done ? 0 : error());
+    context.getResults().setError(work(*files_) ? 0 : error());
     return kj::READY_NOW;
   }
   template <typename Context>

@@ -74,20 +74,22 @@ class ShareFiles final : public fs::FileSystem {
         disk_(fs::makeLocalFiles(true)) {}
 
   bool stat(std::string_view path, fs::FileInfo& info) override {
-    std::string local;
-    return resolve(path, true, local) && disk_->stat(local, info);
+    return at(path, true, [&](const std::string& p) { return disk_->stat(p, info); });
   }
   bool list(std::string_view folder, std::vector<fs::FileInfo>& entries) override {
-    std::string local;
-    return resolve(folder, true, local) && disk_->list(local, entries);
+    return at(folder, true, [&](const std::string& p) { return disk_->list(p, entries); });
   }
   std::unique_ptr<fs::FileReader> openRead(std::string_view path) override {
-    std::string local;
-    return resolve(path, true, local) ? disk_->openRead(local) : nullptr;
+    std::unique_ptr<fs::FileReader> reader;
+    at(path, true, [&](const std::string& p) { return (reader = disk_->openRead(p)) != nullptr; });
+    return reader;
   }
   std::unique_ptr<fs::FileWriter> openWrite(std::string_view path, bool failIfExists) override {
-    std::string local;
-    return resolve(path, true, local) ? disk_->openWrite(local, failIfExists) : nullptr;
+    std::unique_ptr<fs::FileWriter> writer;
+    at(path, true, [&](const std::string& p) {
+      return (writer = disk_->openWrite(p, failIfExists)) != nullptr;
+    });
+    return writer;
   }
   bool copy(std::string_view from, std::string_view to, bool failIfExists) override {
     std::string source;
@@ -96,24 +98,20 @@ class ShareFiles final : public fs::FileSystem {
            disk_->copy(source, target, failIfExists);
   }
   bool setTimes(std::string_view path, std::time_t lastWrite) override {
-    std::string local;
-    return resolve(path, true, local) && disk_->setTimes(local, lastWrite);
+    return at(path, true, [&](const std::string& p) { return disk_->setTimes(p, lastWrite); });
   }
   bool makeWritable(std::string_view path) override {
-    std::string local;
-    return resolve(path, true, local) && disk_->makeWritable(local);
+    return at(path, true, [&](const std::string& p) { return disk_->makeWritable(p); });
   }
+  // What these change is the entry itself, so a link at the end is not followed.
   bool createDirectory(std::string_view path) override {
-    std::string local;
-    return resolve(path, false, local) && disk_->createDirectory(local);
+    return at(path, false, [&](const std::string& p) { return disk_->createDirectory(p); });
   }
   bool removeDirectory(std::string_view path) override {
-    std::string local;
-    return resolve(path, false, local) && disk_->removeDirectory(local);
+    return at(path, false, [&](const std::string& p) { return disk_->removeDirectory(p); });
   }
   bool deleteFile(std::string_view path) override {
-    std::string local;
-    return resolve(path, false, local) && disk_->deleteFile(local);
+    return at(path, false, [&](const std::string& p) { return disk_->deleteFile(p); });
   }
   bool rename(std::string_view from, std::string_view to) override {
     std::string source;
@@ -122,8 +120,7 @@ class ShareFiles final : public fs::FileSystem {
            disk_->rename(source, target);
   }
   bool freeSpace(std::string_view path, std::uint64_t& bytes) override {
-    std::string local;
-    return resolve(path, true, local) && disk_->freeSpace(local, bytes);
+    return at(path, true, [&](const std::string& p) { return disk_->freeSpace(p, bytes); });
   }
 
  private:
@@ -162,6 +159,13 @@ class ShareFiles final : public fs::FileSystem {
       return fail(EACCES);
     }
     return true;
+  }
+
+  // `work` on the local path of a network one; false with errno when the path is refused.
+  template <typename Work>
+  bool at(std::string_view path, bool followLast, Work&& work) const {
+    std::string local;
+    return resolve(path, followLast, local) && work(local);
   }
 
   std::string server_;

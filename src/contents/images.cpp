@@ -107,31 +107,13 @@ LocalFile::LocalFile(std::string_view path, Mode mode) {
 LocalFile::~LocalFile() { (void)close(); }
 
 std::ptrdiff_t LocalFile::read(uint8_t* data, std::size_t size) {
-  std::size_t got = 0;
-  while (got < size) {
-    const ssize_t n = ::read(fd_, data + got, size - got);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (n == 0) break;
-    got += static_cast<std::size_t>(n);
-  }
-  return static_cast<std::ptrdiff_t>(got);
+  return fs::readFull(fd_, data, size);
 }
 
 bool LocalFile::write(const uint8_t* data, std::size_t size, int32_t& status) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd_, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      status = errno == ENOSPC || errno == EDQUOT ? kStatusDiskFull : kStatusWriteFault;
-      return false;
-    }
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
+  if (fs::writeAll(fd_, data, size)) return true;
+  status = errno == ENOSPC || errno == EDQUOT ? kStatusDiskFull : kStatusWriteFault;
+  return false;
 }
 
 double LocalFile::lastWriteOleDate() const {

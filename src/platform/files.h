@@ -58,6 +58,12 @@ bool setFileTimes(std::string_view path, std::time_t t);
 // Free bytes on the file system that holds `path` (all free blocks, not only the caller's).
 bool freeSpace(std::string_view path, std::uint64_t* bytes);
 
+// On a descriptor the caller opened itself: all `size` bytes, or fewer only at the end of the
+// file (-1 on a failure); and all `size` bytes written, or false. Both retry interrupted calls
+// and leave errno set on a failure.
+std::ptrdiff_t readFull(int fd, void* data, std::size_t size);
+bool writeAll(int fd, const void* data, std::size_t size);
+
 // The machine's name, as a network peer would see it; at most 259 bytes.
 std::string computerName();
 

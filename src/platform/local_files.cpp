@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "platform/file_system.h"
+#include "platform/files.h"
 #include "platform/text.h"
 
 namespace mv::fs {
@@ -51,33 +52,6 @@ class Fd {
  private:
   int fd_;
 };
-
-bool writeAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = ::write(fd, data, size);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += written;
-    size -= static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
-std::ptrdiff_t readFull(int fd, char* data, std::size_t size) {
-  std::size_t got = 0;
-  while (got < size) {
-    const ssize_t n = ::read(fd, data + got, size - got);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (n == 0) break;
-    got += static_cast<std::size_t>(n);
-  }
-  return static_cast<std::ptrdiff_t>(got);
-}
 
 FileInfo describe(const struct stat& st) {
   FileInfo info;
@@ -385,6 +359,35 @@ Registry& registry() {
 }
 
 }  // namespace
+
+std::ptrdiff_t readFull(int fd, void* data, std::size_t size) {
+  auto* bytes = static_cast<char*>(data);
+  std::size_t got = 0;
+  while (got < size) {
+    const ssize_t n = ::read(fd, bytes + got, size - got);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    if (n == 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  return static_cast<std::ptrdiff_t>(got);
+}
+
+bool writeAll(int fd, const void* data, std::size_t size) {
+  const auto* bytes = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t written = ::write(fd, bytes, size);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    bytes += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
 
 FileSystem& localFiles() { return *sharedLocalFiles(); }
 
