@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -15,6 +13,7 @@
 #include "live_server.h"
 #include "platform/codepage.h"
 #include "server_fixture.h"
+#include "temp_folder.h"
 
 namespace mvtest {
 
@@ -65,14 +64,6 @@ std::vector<T> take(MVHGLOBAL block, int32_t count) {
   EXPECT_EQ(MVGlobalUnlock(block), 0) << "handed out locked";
   EXPECT_EQ(MVGlobalFree(block), nullptr);
   return records;
-}
-
-inline std::string content(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-inline void put(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 }  // namespace mvtest

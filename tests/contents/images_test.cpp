@@ -23,12 +23,6 @@ constexpr char kDb[] = "BOOK0101000000";
 constexpr int32_t kFailure = 0x1234;
 constexpr std::size_t kBlock = 307200;
 
-std::string pattern(std::size_t size) {
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 2654435761u) >> 13);
-  return bytes;
-}
-
 class ImagesRecorded : public ContentsRecorded {
  protected:
   // The UpLoadData calls as "blockNo bytes isLast".

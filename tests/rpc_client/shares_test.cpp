@@ -53,18 +53,6 @@ class RemoteShares : public ::testing::Test {
   TempFolder local{"shares-client"};
 };
 
-std::string pattern(std::size_t size) {
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 2654435761u) >> 13);
-  return bytes;
-}
-
-std::string content(const std::string& path) {
-  std::string bytes;
-  EXPECT_TRUE(mv::fs::readFile(path, bytes)) << path;
-  return bytes;
-}
-
 TEST_F(RemoteShares, FilesCrossBothWaysWithTheirDatesAndRefusalsKeepTheirCause) {
   mv::IBookServer* server = connect();
   const std::string share = openStaging(server);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 namespace mvtest {
 
@@ -35,6 +36,21 @@ std::string TempFolder::write(std::string_view name, std::string_view content) c
   std::filesystem::permissions(
       file, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   return file;
+}
+
+std::string content(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void put(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+std::string pattern(std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 2654435761u) >> 13);
+  return bytes;
 }
 
 }  // namespace mvtest

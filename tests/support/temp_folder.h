@@ -22,4 +22,10 @@ class TempFolder {
   std::string path_;
 };
 
+// A file's bytes (empty when it cannot be read), and a file written with `text`.
+std::string content(const std::string& path);
+void put(const std::string& path, const std::string& text);
+// `size` bytes in which a shifted block shows: no two nearby runs are alike.
+std::string pattern(std::size_t size);
+
 }  // namespace mvtest
