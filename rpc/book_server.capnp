@@ -73,7 +73,6 @@ interface Files {
   removeDirectory @8 (path :Text) -> (error :Int32);
   deleteFile @9 (path :Text) -> (error :Int32);
   rename @10 (from :Text, to :Text) -> (error :Int32);
-  freeSpace @11 (path :Text) -> (error :Int32, bytes :UInt64);
 }
 
 interface FileReader {

@@ -141,14 +141,6 @@ class FilesStub final : public ::Files::Server {
       return f.rename(text(p.getFrom()), text(p.getTo()));
     });
   }
-  kj::Promise<void> freeSpace(FreeSpaceContext context) override {
-    return answer(context, [&](fs::FileSystem& f) {
-      std::uint64_t bytes = 0;
-      if (!f.freeSpace(text(context.getParams().getPath()), bytes)) return false;
-      context.getResults().setBytes(bytes);
-      return true;
-    });
-  }
 
  private:
   template <typename Context, typename Work>

@@ -284,16 +284,6 @@ class RemoteFiles final : public fs::FileSystem {
       return answered(request.send().wait(ws()).getError());
     });
   }
-  bool freeSpace(std::string_view path, std::uint64_t& bytes) override {
-    return run([&](::Files::Client& f) {
-      auto request = f.freeSpaceRequest();
-      request.setPath(textOf(path));
-      auto answer = request.send().wait(ws());
-      if (!answered(answer.getError())) return false;
-      bytes = answer.getBytes();
-      return true;
-    });
-  }
 
  private:
   kj::WaitScope& ws() { return ref_->link->waitScope(); }

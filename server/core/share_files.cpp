@@ -119,9 +119,6 @@ class ShareFiles final : public fs::FileSystem {
     return resolve(from, false, source) && resolve(to, false, target) &&
            disk_->rename(source, target);
   }
-  bool freeSpace(std::string_view path, std::uint64_t& bytes) override {
-    return at(path, true, [&](const std::string& p) { return disk_->freeSpace(p, bytes); });
-  }
 
  private:
   // The local path of a network one, or false with errno. `followLast`: the path's last

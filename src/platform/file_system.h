@@ -67,7 +67,6 @@ class FileSystem {
   virtual bool deleteFile(std::string_view path) = 0;  // a link is removed as itself
   // Never replaces an existing target.
   virtual bool rename(std::string_view from, std::string_view to) = 0;
-  virtual bool freeSpace(std::string_view path, std::uint64_t& bytes) = 0;
 };
 
 // Whether a name is that of a write not committed (a FileWriter's temporary): what a process

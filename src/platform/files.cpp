@@ -2,6 +2,7 @@
 // system it belongs to.
 #include "platform/files.h"
 
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -219,8 +220,14 @@ bool freeSpace(std::string_view path, std::uint64_t* bytes) {
     errno = EINVAL;
     return false;
   }
-  const Resolved r = resolve(path);
-  return r && r->freeSpace(r.path, *bytes);
+  if (path.find('\0') != std::string_view::npos) {
+    errno = EINVAL;
+    return false;
+  }
+  struct statvfs st {};
+  if (::statvfs(toNative(path).c_str(), &st) != 0) return false;
+  *bytes = static_cast<std::uint64_t>(st.f_bfree) * static_cast<std::uint64_t>(st.f_frsize);
+  return true;
 }
 
 std::string computerName() {

@@ -55,7 +55,8 @@ bool lastWriteTime(std::string_view path, std::time_t* t);
 // Sets last-access and last-write time.
 bool setFileTimes(std::string_view path, std::time_t t);
 
-// Free bytes on the file system that holds `path` (all free blocks, not only the caller's).
+// Free bytes on the local file system that holds `path` (all free blocks, not only the caller's);
+// a server answers for its own disks through its queries.
 bool freeSpace(std::string_view path, std::uint64_t* bytes);
 
 // On a descriptor the caller opened itself: all `size` bytes, or fewer only at the end of the

@@ -2,7 +2,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -321,14 +320,6 @@ class LocalFiles final : public FileSystem {
       errno = saved;
       return false;
     }
-    return true;
-  }
-
-  bool freeSpace(std::string_view path, std::uint64_t& bytes) override {
-    const auto p = native(path);
-    struct statvfs st {};
-    if (!p || ::statvfs(p->c_str(), &st) != 0) return false;
-    bytes = static_cast<std::uint64_t>(st.f_bfree) * static_cast<std::uint64_t>(st.f_frsize);
     return true;
   }
 
