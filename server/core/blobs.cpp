@@ -1,10 +1,6 @@
-// A session's blobs: uploads staged in a file until their last block, downloads read in pieces,
-// and the dates kept with image files.
-#include <fcntl.h>
-#include <unistd.h>
-
+// A session's blobs: uploads written straight into the engine as their blocks arrive, downloads
+// read in pieces, and the dates kept with image files.
 #include <algorithm>
-#include <cstdio>
 
 #include "frame/exchange.h"
 #include "server/core/book_server.h"
@@ -13,22 +9,6 @@
 #include "server/core/wire.h"
 
 namespace mv::server {
-
-namespace {
-
-// An anonymous file in the data folder: staged bytes never sit in memory, nor in a /tmp that
-// may be memory itself.
-std::FILE* stagingFile(const std::string& folder) {
-  std::string path = folder + "/uploads/stage-XXXXXX";
-  const int fd = ::mkstemp(path.data());
-  if (fd < 0) return nullptr;
-  ::unlink(path.c_str());
-  std::FILE* f = ::fdopen(fd, "w+b");
-  if (f == nullptr) ::close(fd);
-  return f;
-}
-
-}  // namespace
 
 int32_t BookServer::UpLoadData(VARIANT* record, int32_t blockNo, int32_t bytes, VARIANT* block,
                                int32_t isLast) {
@@ -43,77 +23,67 @@ int32_t BookServer::UpLoadData(VARIANT* record, int32_t blockNo, int32_t bytes, 
   const std::string handleText(after(parts[1], "TABLENAME="));
   const std::string column(after(parts[3], "KEY="));
   const int32_t key = parseInt(after(parts[2], "MSTKEY="));
+  const std::string target = handleText + "/" + std::to_string(key) + "/" + column;
+  // The rest of a failed series fails as it did, and leaves the failure's text alone: a client
+  // that sends blocks ahead of their answers learns of the first failure, not of the last.
+  if (blockNo != 1 && failedUpload_.target == target) return failedUpload_.status;
+  failedUpload_ = FailedUpload{};
+  const auto failSeries = [&](int32_t status, const std::string& text) {
+    uploads_.erase(target);
+    failedUpload_ = FailedUpload{target, status};
+    return fail(status, text);
+  };
   int32_t status = kOk;
   Handle* h = handle(handleText, &status);
-  if (!h) return status;
-  const std::string target = handleText + "/" + std::to_string(key) + "/" + column;
-  if (data == nullptr || bytes < 0) return fail(kBadArgument, "ブロックの長さが正しくありません");
+  if (!h) return failSeries(status, lastError_);
+  if (data == nullptr || bytes < 0) {
+    return failSeries(kBadArgument, "ブロックの長さが正しくありません");
+  }
 
   if (blockNo == 1) {
     // A new series: whatever else was pending is stored first, a repeat of this one restarts.
-    if (auto it = uploads_.find(target); it != uploads_.end()) {
-      std::fclose(it->second.file);
-      uploads_.erase(it);
-    }
+    uploads_.erase(target);
     if (const int32_t pending = settle(); pending != kOk) return pending;
     const auto columns = h->database->columns(h->table);
     const auto c = std::find_if(columns.begin(), columns.end(),
                                 [&](const ResultColumn& rc) { return rc.name == column; });
     if (c == columns.end() || !isBlob(c->type)) {
-      return fail(kMissingColumn,
-                  "列「" + h->table + "." + column + "」はバイナリ列ではありません");
+      return failSeries(kMissingColumn,
+                        "列「" + h->table + "." + column + "」はバイナリ列ではありません");
     }
     if (!h->database->rowExists(h->table, key)) {
-      return fail(kNoRow, "レコード(T_Index=" + std::to_string(key) + ")がありません");
+      return failSeries(kNoRow, "レコード(T_Index=" + std::to_string(key) + ")がありません");
     }
-    Upload u{handleText, column, key, 1, stagingFile(core_->stagingFolder()), 0};
-    if (u.file == nullptr) return fail(kFileFailed, "一時ファイルを作れません");
-    uploads_.emplace(target, u);
+    std::string error;
+    auto writer = h->database->writeBlob(h->table, column, key, error);
+    if (!writer) return failSeries(kFileFailed, "データを書き始められません: " + error);
+    uploads_.emplace(target, Upload{handleText, 1, std::move(writer)});
   }
   const auto it = uploads_.find(target);
   if (it == uploads_.end() || it->second.nextBlock != blockNo) {
-    if (it != uploads_.end()) {
-      std::fclose(it->second.file);
-      uploads_.erase(it);
-    }
-    return fail(kBlockOutOfOrder,
-                "ブロック " + std::to_string(blockNo) + " の順序が正しくありません");
+    return failSeries(kBlockOutOfOrder,
+                      "ブロック " + std::to_string(blockNo) + " の順序が正しくありません");
   }
   Upload& u = it->second;
-  if (bytes > 0 && std::fwrite(data, 1, static_cast<std::size_t>(bytes), u.file) !=
-                       static_cast<std::size_t>(bytes)) {
-    std::fclose(u.file);
-    uploads_.erase(it);
-    return fail(kFileFailed, "一時ファイルに書けません");
+  std::string error;
+  if (bytes > 0 && !u.writer->write(data, static_cast<std::size_t>(bytes), error)) {
+    return failSeries(kFileFailed, "データを書けません: " + error);
   }
-  u.size += bytes;
   ++u.nextBlock;
   if (isLast != 1) return kOk;
-  const int32_t result = finishUpload(u);
-  uploads_.erase(target);
+  Upload done = std::move(u);
+  uploads_.erase(it);
+  const int32_t result = finishUpload(done);
+  if (result != kOk) failedUpload_ = FailedUpload{target, result};
   return result;
 }
 
 int32_t BookServer::finishUpload(Upload& u) {
   int32_t status = kOk;
-  Handle* h = handle(u.handle, &status);
-  std::FILE* file = u.file;
-  u.file = nullptr;
-  if (h == nullptr) {
-    std::fclose(file);
-    return status;
-  }
-  std::rewind(file);
+  // The handle it came through must still be open: closing it drops what it was writing.
+  if (handle(u.handle, &status) == nullptr) return status;
   std::string error;
-  const bool ok = h->database->writeBlob(
-      h->table, u.column, u.key, u.size,
-      [file](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
-        const std::size_t n = std::fread(data, 1, size, file);
-        return n == size || !std::ferror(file) ? static_cast<std::ptrdiff_t>(n) : -1;
-      },
-      error);
-  std::fclose(file);
-  return ok ? kOk : fail(kStorageFailed, "データを保存できません: " + error);
+  return u.writer->commit(error) ? kOk : fail(kStorageFailed, "データを保存できません: " + error);
 }
 
 int32_t BookServer::finishUploads() {
@@ -151,20 +121,31 @@ int32_t BookServer::DownLoadData(BSTR /*dbName*/, BSTR handleText, BSTR columnNa
                          h->database->openBlob(h->table, column, tIndex, error)};
     if (!download_.reader) return fail(kStorageFailed, "データを読めません: " + error);
   }
-  std::vector<uint8_t> data;
-  std::string error;
-  const int64_t offset = int64_t{blockNo - 1} * blockSize;
-  if (!download_.reader->read(offset, static_cast<std::size_t>(blockSize), data, error)) {
-    download_ = Download{};
-    return fail(kStorageFailed, "データを読めません: " + error);
-  }
   const int64_t total = download_.reader->size();
-  if (isEnd) *isEnd = offset + static_cast<int64_t>(data.size()) >= total ? 1 : 0;
-  if (bytes) *bytes = static_cast<int32_t>(data.size());
-  if (offset + static_cast<int64_t>(data.size()) >= total) download_ = Download{};
+  const int64_t offset = int64_t{blockNo - 1} * blockSize;
+  const auto count = static_cast<std::size_t>(std::clamp<int64_t>(total - offset, 0, blockSize));
+  const bool ends = offset + static_cast<int64_t>(count) >= total;
+  if (isEnd) *isEnd = ends ? 1 : 0;
+  if (bytes) *bytes = static_cast<int32_t>(count);
   // Past the end, and for an empty column, the answer holds no array.
-  if (data.empty()) return kOk;
-  if (!putBytes(block, data.data(), data.size())) return fail(kStorageFailed, "メモリが足りません");
+  if (count == 0) {
+    download_ = Download{};
+    return kOk;
+  }
+  // The bytes go from the disk straight into the answer's array.
+  std::string error;
+  std::ptrdiff_t got = -1;
+  if (!fillVariantArray(block, MV_VT_UI1, static_cast<uint32_t>(count), [&](void* data) {
+        got = download_.reader->read(offset, static_cast<uint8_t*>(data), count, error);
+      })) {
+    return fail(kStorageFailed, "メモリが足りません");
+  }
+  if (got != static_cast<std::ptrdiff_t>(count)) {
+    MVVariantClear(block);
+    download_ = Download{};
+    return fail(kStorageFailed, "データを読めません: " + (error.empty() ? "short" : error));
+  }
+  if (ends) download_ = Download{};
   return kOk;
 }
 

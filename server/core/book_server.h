@@ -37,15 +37,17 @@ class BookServer final : public IBookServer {
     std::string table;
     Snapshot snapshot;
   };
-  // A blob arriving in blocks: the bytes wait in a staging file until the last block (or the
-  // session's next other call) stores them in one pass.
+  // A blob arriving in blocks, written into the engine as they come; it becomes the row's
+  // content with the last block, or with the session's next other call.
   struct Upload {
     std::string handle;
-    std::string column;
-    int64_t key = 0;
     int32_t nextBlock = 1;
-    std::FILE* file = nullptr;
-    int64_t size = 0;
+    std::unique_ptr<BlobWriter> writer;
+  };
+  // The series ("<handle>/<key>/<column>") whose block failed last, until a new series starts.
+  struct FailedUpload {
+    std::string target;
+    int32_t status = 0;
   };
   // The blob being downloaded, kept open between its blocks.
   struct Download {
@@ -82,6 +84,7 @@ class BookServer final : public IBookServer {
   std::map<std::string, Handle> handles_;
   uint64_t handleSerial_ = 0;
   std::map<std::string, Upload> uploads_;
+  FailedUpload failedUpload_;
   Download download_;
   Carry carryOut_;
   Carry carryIn_;

@@ -42,18 +42,35 @@ struct Snapshot {
 
 using ColumnValues = std::vector<std::pair<std::string, Value>>;
 
-// Bytes of a blob arrive from here: fills up to `size`, returns the count, -1 on failure.
-using ByteSource = std::function<std::ptrdiff_t(uint8_t* data, std::size_t size)>;
-
-// A blob being read front to back. Kept open across pieces, so that a long blob costs one walk
-// through the storage, not one from its start for every piece. A write to the row ends it.
+// A blob being read. Bytes are read where the caller wants them, piece by piece, so a long blob
+// never sits in memory whole. A reader keeps reading the content it opened even when the row is
+// given new content or deleted meanwhile.
 class BlobReader {
  public:
   virtual ~BlobReader() = default;
   virtual int64_t size() const = 0;
-  // Up to `max` bytes from `offset` (none past the end).
-  virtual bool read(int64_t offset, std::size_t max, std::vector<uint8_t>& out,
-                    std::string& error) = 0;
+  // Up to `max` bytes from `offset` into `data` (none past the end): the count, -1 on failure.
+  virtual std::ptrdiff_t read(int64_t offset, uint8_t* data, std::size_t max,
+                              std::string& error) = 0;
+};
+
+// A blob being written front to back. Nothing of it is visible until commit(), which makes it
+// the column's content in one step; a writer dropped uncommitted leaves nothing behind.
+class BlobWriter {
+ public:
+  virtual ~BlobWriter() = default;
+  virtual bool write(const uint8_t* data, std::size_t size, std::string& error) = 0;
+  virtual int64_t size() const = 0;
+  // Fails, storing nothing, when the row has gone meanwhile.
+  virtual bool commit(std::string& error) = 0;
+};
+
+// What a look through the stored content found.
+struct ContentCheck {
+  int64_t items = 0;                 // blobs the rows name
+  int64_t bytes = 0;                 // their size
+  std::vector<std::string> orphans;  // content no row names (removed by a repair)
+  std::vector<std::string> missing;  // "<database> <table> <key> <column>": content gone
 };
 
 // One database. Safe to use from several threads; each call is atomic on its own.
@@ -86,11 +103,12 @@ class Database {
                       std::string& error) = 0;
   virtual bool rowExists(std::string_view table, int64_t key) = 0;
 
-  // Replaces a blob column's bytes with `size` bytes from `source`, in bounded memory.
-  virtual bool writeBlob(std::string_view table, std::string_view column, int64_t key, int64_t size,
-                         const ByteSource& source, std::string& error) = 0;
-  // Opens a blob column of one row for reading in pieces; nullptr with `error` when there is no
-  // such row or column. A NULL column reads as empty.
+  // Starts new content for a blob column of one row, in bounded memory whatever its size;
+  // nullptr with `error` when there is no such row or column.
+  virtual std::unique_ptr<BlobWriter> writeBlob(std::string_view table, std::string_view column,
+                                                int64_t key, std::string& error) = 0;
+  // Opens a blob column of one row for reading; nullptr with `error` when there is no such row
+  // or column. A column without content reads as empty.
   virtual std::unique_ptr<BlobReader> openBlob(std::string_view table, std::string_view column,
                                                int64_t key, std::string& error) = 0;
 
@@ -101,7 +119,7 @@ class Database {
   virtual bool addMeta(std::string_view name, int64_t delta, int64_t* result,
                        std::string& error) = 0;
 
-  // Bytes the database takes on its medium.
+  // Bytes the database takes on its medium, its blobs included.
   virtual int64_t sizeBytes() = 0;
 };
 
@@ -118,9 +136,14 @@ class StorageEngine {
   virtual bool copy(std::string_view from, std::string_view to, std::string& error) = 0;
   virtual bool remove(std::string_view name, std::string& error) = 0;
   virtual bool rename(std::string_view from, std::string_view to, std::string& error) = 0;
-  // A consistent copy of the database as one file at `path`, and the way back.
+  // A book leaves and comes back as one file: a consistent copy of the database with its blobs
+  // at `path`, and the way back, which replaces the database and its blobs whole. Callers never
+  // see how an engine keeps blobs; the file is the same whatever it does.
   virtual bool exportFile(std::string_view name, const std::string& path, std::string& error) = 0;
   virtual bool importFile(std::string_view name, const std::string& path, std::string& error) = 0;
+  // Looks through the blobs of every database for content no row names and rows whose content
+  // is gone; with `repair`, removes the first.
+  virtual ContentCheck checkContent(bool repair) = 0;
   virtual std::vector<std::string> list() = 0;
   // "SQLite 3.40.1" and the like.
   virtual std::string describe() = 0;
