@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <string>
 
 #include "MVCore.h"
@@ -206,8 +208,21 @@ TEST_P(FrameEndToEnd, ADaemonKilledDuringAListingOrAnUploadFailsItPromptlyAndKee
   makeBook(kBook);
   ASSERT_EQ(mv::openWorkTable(kBook, "ImageDataTBL", &rows, handle), 1);
   const int32_t row = addRow(kBook, handle, "ImageDataInfo", "a.png");
-  int reads = 0;
   mv::BlockRecord record(kBook, handle, row, "RealityData");
+  const std::vector<uint8_t> before(500000, 0x5A);
+  std::size_t sent = 0;
+  const auto source = [&](const std::vector<uint8_t>& bytes) {
+    sent = 0;
+    return [&](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
+      const std::size_t n = std::min(size, bytes.size() - sent);
+      std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(sent), n, data);
+      sent += n;
+      return static_cast<std::ptrdiff_t>(n);
+    };
+  };
+  ASSERT_EQ(mv::uploadBlocks(server(), record.get(), mv::UploadForm::Insert, source(before)).status,
+            0);
+  int reads = 0;
   const mv::UploadResult r =
       mv::uploadBlocks(server(), record.get(), mv::UploadForm::Insert,
                        [&](uint8_t* data, std::size_t size) -> std::ptrdiff_t {
@@ -222,9 +237,26 @@ TEST_P(FrameEndToEnd, ADaemonKilledDuringAListingOrAnUploadFailsItPromptlyAndKee
   EXPECT_EQ(r.calls, 3);  // the first call after the kill fails, and the loop stops there
   expectLinkLost(killedAt);
   EXPECT_EQ(countRows(kBook, "ImageDataTBL"), 1);
-  std::vector<uint8_t> bytes;  // the upload never finished: the row keeps no bytes of it
+  std::vector<uint8_t> bytes;  // the upload never finished: the row keeps what it had
   EXPECT_EQ(download(kBook, "", &bytes), 0);
-  EXPECT_TRUE(bytes.empty());
+  EXPECT_TRUE(bytes == before);
+  // The restarted daemon swept the half-written file: one file per blob, nothing else.
+  std::vector<std::string> files;
+  for (const auto& e :
+       std::filesystem::recursive_directory_iterator(serverDisk() + "/db/content")) {
+    if (e.is_regular_file()) files.push_back(e.path().filename().string());
+  }
+  EXPECT_EQ(files.size(), 1u) << ::testing::PrintToString(files);
+  // And the upload goes through when tried again.
+  const std::vector<uint8_t> after(700001, 0xA5);
+  ASSERT_EQ(mv::openWorkTable(kBook, "ImageDataTBL", &rows, handle), 1);
+  mv::BlockRecord again(kBook, handle, row, "RealityData");
+  EXPECT_EQ(mv::uploadBlocks(server(), again.get(), mv::UploadForm::Insert, source(after)).status,
+            0);
+  ASSERT_EQ(mv::closeWorkTable(kBook, handle, 0), 1);
+  bytes.clear();
+  EXPECT_EQ(download(kBook, "", &bytes), 0);
+  EXPECT_TRUE(bytes == after);
   EXPECT_EQ(countRows(kSys, "UserInfoTBL"), 1);
 }
 

@@ -3,7 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sqlite3.h>
+
 #include <filesystem>
+#include <fstream>
 #include <functional>
 
 #include "book_server_session.h"
@@ -51,6 +54,16 @@ class BlobsTest : public ServerTest {
   Opened images;
   Session reader;
 };
+
+// The files of the blob store, by name, whatever folder they are in.
+std::vector<std::string> storeFiles(const std::string& dataFolder) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (const auto& e : fs::recursive_directory_iterator(dataFolder + "/db/content", ec)) {
+    if (e.is_regular_file()) names.push_back(e.path().filename().string());
+  }
+  return names;
+}
 
 TEST_F(BlobsTest, SizesAroundTheBlockSizeRoundTripAndAShorterBlobReplacesALongerOne) {
   for (const std::size_t size : {0, 1, 307199, 307200, 307201, 5000000 + 17}) {
@@ -152,6 +165,105 @@ TEST_F(BlobsTest, BadSeriesAreRefusedAndChangeNothing) {
   EXPECT_TRUE(stored(key) == original);
 }
 
+TEST_F(BlobsTest, EachBlobIsOneFileThatGoesWithItsRowHoweverTheRowIsDeleted) {
+  const auto filesNow = [&] { return storeFiles(folder()).size(); };
+  int32_t tag = 100;
+  const auto imageOfNewTag = [&] {
+    const int32_t key = addRow(*s, kBook, kImages, {field("TagID", 1, std::to_string(++tag))});
+    EXPECT_EQ(send(key, pattern(1000, static_cast<uint32_t>(key))), 0) << lastError(*s);
+    return key;
+  };
+  const int32_t kept = imageOfNewTag();
+  // Replacing content leaves one file per blob.
+  ASSERT_EQ(send(kept, pattern(kBlockSize + 1, 5)), 0);
+  ASSERT_EQ(filesNow(), 1u);
+  const std::pair<const char*, std::function<int32_t(int32_t key)>> deletes[] = {
+      {"DeleteRecord",
+       [&](int32_t key) { return s->DeleteRecord(In(kBook), In(row(key).handle), key); }},
+      {"DeleteRecords",
+       [&](int32_t key) { return s->DeleteRecords(In(kBook), In(row(key).handle), 0, 0); }},
+      {"ExecuteSQL", [&](int32_t) {
+         return s->ExecuteSQL(In(kBook),
+                              In("DELETE FROM ImageDataTBL WHERE TagID = " + std::to_string(tag)));
+       }}};
+  for (const auto& [name, remove] : deletes) {
+    SCOPED_TRACE(name);
+    const int32_t key = imageOfNewTag();
+    ASSERT_EQ(filesNow(), 2u);
+    ASSERT_EQ(remove(key), 0) << lastError(*s);
+    EXPECT_EQ(filesNow(), 1u);
+    // A key given out again starts without content.
+    const int32_t again = newRow();
+    EXPECT_TRUE(stored(again).empty());
+  }
+  EXPECT_TRUE(stored(kept) == pattern(kBlockSize + 1, 5));
+  images = Opened{};
+  ASSERT_EQ(s->DeleteDatabase(In(kBook), In("")), 0) << lastError(*s);
+  EXPECT_EQ(filesNow(), 0u);
+  EXPECT_TRUE(fs::is_empty(folder() + "/db/content"));
+}
+
+TEST_F(BlobsTest, AnUploadThatFailsOrLosesItsRowLeavesNoFileBehind) {
+  const int32_t key = newRow();
+  ASSERT_EQ(send(key, {'A'}), 0);
+  // A series broken off, and one whose row another session deletes before the last block.
+  EXPECT_EQ(sendBlock(key, 1, 0), 0);
+  EXPECT_NE(sendBlock(key, 3, 1), 0);
+  const int32_t doomed = newRow();
+  EXPECT_EQ(sendBlock(doomed, 1, 0), 0);
+  const Opened theirs = open(
+      *reader, kBook, "", "SELECT * FROM ImageDataTBL WHERE T_Index = " + std::to_string(doomed));
+  ASSERT_EQ(reader->DeleteRecord(In(kBook), In(theirs.handle), doomed), 0) << lastError(*reader);
+  EXPECT_NE(sendBlock(doomed, 2, 1), 0);
+  EXPECT_THAT(lastError(*s), Not(IsEmpty()));
+  EXPECT_EQ(storeFiles(folder()).size(), 1u);
+  EXPECT_TRUE(stored(key) == Bytes{'A'});
+}
+
+TEST_F(BlobsTest, AStartSweepsWhatACrashLeftAndMovesBlobsOutOfRows) {
+  const int32_t key = newRow();
+  const auto data = pattern(kBlockSize + 7, 9);
+  ASSERT_EQ(send(key, data), 0);
+  const auto files = storeFiles(folder());
+  ASSERT_EQ(files.size(), 1u);
+  // A write that never finished, a file whose commit never came, a folder whose database went.
+  fs::path own;
+  for (const auto& e : fs::recursive_directory_iterator(folder() + "/db/content")) {
+    if (e.is_regular_file()) own = e.path().parent_path();
+  }
+  for (const fs::path& stray : {own / ".tmp-7-0000000000000001", own / "7-0000000000000002",
+                                fs::path(folder() + "/db/content/0123456789abcdef/3-1")}) {
+    fs::create_directories(stray.parent_path());
+    std::ofstream(stray) << "stray";
+  }
+  // A row that still holds its blob, as a folder of an older version keeps them.
+  const int32_t old = newRow();
+  const auto inRow = pattern(2 * kBlockSize + 3, 11);
+  s.reset();
+  reader.reset();
+  images = Opened{};
+  core.reset();
+  {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((folder() + "/db/" + kBook + ".sqlite").c_str(), &db), SQLITE_OK);
+    sqlite3_stmt* st = nullptr;
+    sqlite3_prepare_v2(db, "UPDATE ImageDataTBL SET RealityData = ? WHERE T_Index = ?", -1, &st,
+                       nullptr);
+    sqlite3_bind_blob(st, 1, inRow.data(), static_cast<int>(inRow.size()), SQLITE_STATIC);
+    sqlite3_bind_int(st, 2, old);
+    EXPECT_EQ(sqlite3_step(st), SQLITE_DONE);
+    sqlite3_finalize(st);
+    sqlite3_close(db);
+  }
+  reopen();
+  reader = connect();
+  EXPECT_TRUE(stored(key) == data);
+  EXPECT_TRUE(stored(old) == inRow);
+  EXPECT_EQ(storeFiles(folder()).size(), 2u);
+  EXPECT_FALSE(fs::exists(folder() + "/db/content/0123456789abcdef"));
+  EXPECT_TRUE(core->engine().checkContent(false).orphans.empty());
+}
+
 TEST_F(BlobsTest, ImageFileDateRoundTripsADoubleOfTheRow) {
   const int32_t dated = newRow();
   const int32_t undated = newRow();
@@ -185,6 +297,8 @@ class SharesTest : public ServerTest {
     image = addRow(*s, kBook, "ImageDataTBL", {field("TagID", 1, "2")});
     const Opened images = open(*s, kBook, "ImageDataTBL");
     ASSERT_EQ(upload(*s, kBook, images.handle, image, kData, blob), 0);
+    double date = kDate;
+    ASSERT_EQ(s->ImageFileDate(In(kBook), In(images.handle), 1, image, &date), 0);
     ASSERT_EQ(closeTable(*s, kBook, images.handle), 0);
   }
 
@@ -205,7 +319,13 @@ class SharesTest : public ServerTest {
     EXPECT_EQ(select(*s, copy, pages), select(*s, kBook, pages));
     EXPECT_EQ(column(*s, copy, pages, "TagName"), "表紙 図面");
     EXPECT_TRUE(storedBlob(*s, copy, "ImageDataTBL", image) == blob);
+    const Opened images = open(*s, copy, "ImageDataTBL");
+    double back = 0;
+    EXPECT_EQ(s->ImageFileDate(In(copy), In(images.handle), 0, image, &back), 0);
+    EXPECT_EQ(back, kDate);
+    EXPECT_EQ(closeTable(*s, copy, images.handle), 0);
   }
+  static constexpr double kDate = 46349.25;
   const Bytes blob = pattern(200000, 21);
   int32_t image = -1;
 };

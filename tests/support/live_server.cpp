@@ -56,6 +56,10 @@ void LiveServerTest::TearDown() {
 // data folder is an empty directory, so whatever the client does with the daemon's files goes
 // over the link, as it does from another machine. The folder outlives the daemon, so a
 // restarted daemon finds its data again.
+std::string LiveServerTest::serverDisk() const {
+  return remote() && namespacedDaemons() ? std::string(*folder_ / ".daemon-disk") : data_;
+}
+
 void LiveServerTest::startDaemon() {
   const TestCertificate& certificate = testCertificate();
   ASSERT_TRUE(certificate.made);
@@ -65,7 +69,7 @@ void LiveServerTest::startDaemon() {
       BOOKSERVERD,      "--data",    data_,           "--listen",     "127.0.0.1:0", "--tls-cert",
       certificate.cert, "--tls-key", certificate.key, "--token-file", tokens};
   if (namespacedDaemons()) {
-    const std::string hidden = *folder_ / ".daemon-disk";
+    const std::string hidden = serverDisk();
     ::mkdir(hidden.c_str(), 0700);
     ::mkdir(data_.c_str(), 0700);
     args.insert(args.begin(),

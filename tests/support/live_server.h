@@ -25,6 +25,9 @@ class LiveServerTest : public ::testing::TestWithParam<ServerKind> {
   const std::string& host() const { return host_; }
   // The server's data folder.
   const std::string& dataFolder() const { return data_; }
+  // Where the server's files really are, for a test that looks behind its back: a daemon in a
+  // mount namespace of its own keeps them where the client is never told.
+  std::string serverDisk() const;
 
   // The daemon of a remote test: stopped hard (SIGKILL), and started again on the same folder
   // (on a new port, which the client configuration follows).
