@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "floors.h"
 #include "frame/blocks.h"
 #include "frame/exchange.h"
 #include "platform/files.h"
@@ -648,19 +649,9 @@ void BM_DiskCopySynced(benchmark::State& state) {
   std::string error;
   if (!prepareShare(error)) return fail(state, error);
   const std::string target = (run.daemonFolder / "staging" / "disk-copy.bin").string();
-  std::vector<char> block(1 << 20);
   const auto start = std::chrono::steady_clock::now();
   for (auto _ : state) {
-    const int in = ::open(shares.source.c_str(), O_RDONLY | O_CLOEXEC);
-    const int out = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool good = in >= 0 && out >= 0;
-    for (ssize_t n = 0; good && (n = ::read(in, block.data(), block.size())) > 0;) {
-      good = ::write(out, block.data(), static_cast<std::size_t>(n)) == n;
-    }
-    good = good && ::fsync(out) == 0;
-    if (in >= 0) ::close(in);
-    if (out >= 0) ::close(out);
-    if (!good) return fail(state, "disk copy failed");
+    if (mvbench::copyFile(shares.source, target, true) < 0) return fail(state, "disk copy failed");
   }
   shares.diskSeconds = perIteration(state, std::chrono::steady_clock::now() - start);
   ::unlink(target.c_str());
@@ -672,57 +663,10 @@ BENCHMARK(BM_DiskCopySynced)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-// Peak resident memory of a process, after resetting it; kB.
-void resetPeak(pid_t pid) {
-  if (FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/clear_refs").c_str(), "w")) {
-    std::fputs("5", f);
-    std::fclose(f);
-  }
-}
-
-long statusKb(pid_t pid, const char* field) {
-  FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
-  if (f == nullptr) return -1;
-  char line[256];
-  long kb = -1;
-  while (std::fgets(line, sizeof line, f) != nullptr) {
-    if (std::strncmp(line, field, std::strlen(field)) == 0)
-      kb = std::atol(line + std::strlen(field) + 1);
-  }
-  std::fclose(f);
-  return kb;
-}
-
 void BM_TcpCopy(benchmark::State& state) {
-  Socket reader, writer;
-  if (!loopbackPair(reader, writer)) return fail(state, "no loopback connection");
-  std::vector<uint8_t> in(mv::kBlockSize);
   const auto start = std::chrono::steady_clock::now();
   for (auto _ : state) {
-    std::thread send([fd = writer.fd()] {
-      std::vector<uint8_t> out(mv::kBlockSize);
-      for (int64_t offset = 0; offset < kBlobBytes;) {
-        const auto n =
-            static_cast<std::size_t>(std::min<int64_t>(mv::kBlockSize, kBlobBytes - offset));
-        fillBlock(out.data(), offset, n);
-        if (!writeAll(fd, out.data(), n)) return;
-        offset += static_cast<int64_t>(n);
-      }
-    });
-    int64_t offset = 0;
-    bool same = true;
-    while (offset < kBlobBytes) {
-      const ssize_t n = ::recv(reader.fd(), in.data(), in.size(), 0);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      same = same && sampleMatches(in.data(), static_cast<std::size_t>(n), offset);
-      offset += n;
-    }
-    send.join();
-    if (offset != kBlobBytes || !same) {
-      fail(state, "copy differs");
-      break;
-    }
+    if (mvbench::tcpCopy(kBlobBytes, mv::kBlockSize) < 0) return fail(state, "no loopback copy");
   }
   shares.tcpSeconds = perIteration(state, std::chrono::steady_clock::now() - start);
   setRates(state, state.iterations() * kBlobBytes);
@@ -776,10 +720,10 @@ int runAll(int argc, char** argv) {
   run.host = "127.0.0.1:" + std::to_string(run.port);
 
   const pid_t self = ::getpid();
-  resetPeak(daemon.pid());
-  resetPeak(self);
-  const long daemonBefore = statusKb(daemon.pid(), "VmRSS:");
-  const long selfBefore = statusKb(self, "VmRSS:");
+  mvbench::resetPeak(daemon.pid());
+  mvbench::resetPeak(self);
+  const long daemonBefore = mvbench::residentKb(daemon.pid());
+  const long selfBefore = mvbench::residentKb(self);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   if (shares.uploadSeconds > 0 && shares.downloadSeconds > 0 && shares.tcpSeconds > 0 &&
@@ -791,8 +735,7 @@ int runAll(int argc, char** argv) {
         floor / shares.uploadSeconds, floor / shares.downloadSeconds, 100.0 / shares.tcpSeconds,
         100.0 / shares.diskSeconds);
     std::printf("peak resident memory rise over the run: daemon %ld kB, client %ld kB\n",
-                statusKb(daemon.pid(), "VmHWM:") - daemonBefore,
-                statusKb(self, "VmHWM:") - selfBefore);
+                mvbench::peakKb(daemon.pid()) - daemonBefore, mvbench::peakKb(self) - selfBefore);
   }
 
   // The servers before the daemon and the folders: sessions end cleanly, locks are let go.

@@ -789,9 +789,11 @@ std::unique_ptr<BlobReader> SqliteDatabase::openBlob(std::string_view table,
   return content::openReader(folder_ + "/" + columnText(st.get(), 0), error);
 }
 
+// Connections are used under their database's own mutex (or by one thread only), so SQLite's
+// locking of every call would only be paid for twice.
 sqlite3* openFile(const std::string& path, int flags, std::string& error) {
   sqlite3* db = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_FULLMUTEX, nullptr) != SQLITE_OK) {
+  if (sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK) {
     error = db ? sqlite3_errmsg(db) : "out of memory";
     sqlite3_close_v2(db);
     return nullptr;
