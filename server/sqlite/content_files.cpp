@@ -15,8 +15,6 @@ namespace mv::server::content {
 
 namespace {
 
-constexpr char kTemporaryPrefix[] = ".tmp-";
-
 std::string randomHex() {
   uint64_t value = 0;
   if (::getrandom(&value, sizeof value, 0) != static_cast<ssize_t>(sizeof value)) {
@@ -67,8 +65,6 @@ std::string newReference(int64_t key) { return std::to_string(key) + "-" + rando
 
 std::string newFolderName() { return randomHex(); }
 
-bool isTemporary(std::string_view name) { return name.starts_with(kTemporaryPrefix); }
-
 PendingFile::PendingFile(std::string folder, std::string reference, int fd)
     : folder_(std::move(folder)), reference_(std::move(reference)), fd_(fd) {}
 
@@ -78,7 +74,7 @@ std::unique_ptr<PendingFile> PendingFile::create(const std::string& folder, int6
   std::filesystem::create_directories(folder, ec);
   for (int attempt = 0; attempt < 4; ++attempt) {
     std::string reference = newReference(key);
-    const std::string path = folder + "/" + kTemporaryPrefix + reference;
+    const std::string path = folder + "/" + reference;
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd >= 0) return std::unique_ptr<PendingFile>(new PendingFile(folder, reference, fd));
     if (errno != EEXIST) break;
@@ -89,7 +85,7 @@ std::unique_ptr<PendingFile> PendingFile::create(const std::string& folder, int6
 
 PendingFile::~PendingFile() {
   if (fd_ >= 0) ::close(fd_);
-  if (!finished_) ::unlink((folder_ + "/" + kTemporaryPrefix + reference_).c_str());
+  if (!finished_) ::unlink((folder_ + "/" + reference_).c_str());
 }
 
 bool PendingFile::write(const uint8_t* data, std::size_t size, std::string& error) {
@@ -108,18 +104,16 @@ bool PendingFile::write(const uint8_t* data, std::size_t size, std::string& erro
 }
 
 bool PendingFile::finish(std::string& error) {
-  // The bytes reach the disk before the name does: a name never stands for a partial file.
+  // Synced before any row names it. The file was made under its own name, not renamed into
+  // place: a journaling file system (ext4, XFS) makes a new file's name durable with the fsync
+  // of the file, which spares a rename and a sync of the folder per blob. Until a row names it,
+  // the file is nobody's, and a start removes it should the server die first.
   if (fd_ < 0 || ::fsync(fd_) != 0) {
     error = systemError("content file");
     return false;
   }
   ::close(fd_);
   fd_ = -1;
-  const std::string temporary = folder_ + "/" + kTemporaryPrefix + reference_;
-  if (::rename(temporary.c_str(), (folder_ + "/" + reference_).c_str()) != 0) {
-    error = systemError("content file");
-    return false;
-  }
   finished_ = true;
   return true;
 }

@@ -1,7 +1,7 @@
-// Blob content as plain files: one folder per database, one file per blob. A file is written
-// under a temporary name, synced, and only then renamed to its reference, a name never used
-// twice; from then on it never changes. So a reader that opened it keeps a consistent blob
-// whatever happens to the row, and copies of a database share files through hard links.
+// Blob content as plain files: one folder per database, one file per blob, named by a reference
+// never used twice. A file is written and synced before any row names it, and from then on it
+// never changes. So a reader that opened it keeps a consistent blob whatever happens to the row,
+// and copies of a database share files through hard links.
 #pragma once
 
 #include <cstddef>
@@ -19,8 +19,6 @@ namespace mv::server::content {
 std::string newReference(int64_t key);
 // A fresh name for a database's content folder.
 std::string newFolderName();
-// Whether a file name is that of a write that never finished.
-bool isTemporary(std::string_view name);
 
 // A blob being written in `folder`. Dropped before finish(), it removes what it wrote.
 class PendingFile {
@@ -35,7 +33,7 @@ class PendingFile {
   bool write(const uint8_t* data, std::size_t size, std::string& error);
   int64_t size() const { return size_; }
   const std::string& reference() const { return reference_; }
-  // Syncs the bytes to the disk and gives the file its reference.
+  // Syncs the file to the disk: it may be named by a row from now on.
   bool finish(std::string& error);
   // Removes the finished file again (its row could not take it).
   void discard();
