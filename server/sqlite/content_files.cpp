@@ -74,7 +74,9 @@ std::unique_ptr<PendingFile> PendingFile::create(const std::string& folder, int6
   std::filesystem::create_directories(folder, ec);
   for (int attempt = 0; attempt < 4; ++attempt) {
     std::string reference = newReference(key);
-    const std::string path = folder + "/" + reference;
+    std::string path = folder;
+    path += '/';
+    path += reference;
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd >= 0) return std::unique_ptr<PendingFile>(new PendingFile(folder, reference, fd));
     if (errno != EEXIST) break;
