@@ -102,7 +102,8 @@ double tcpCopy(int64_t bytes, std::size_t piece) {
   std::thread sender([&] {
     const std::vector<uint8_t> out(piece, 0x5A);
     for (int64_t sent = 0; sent < bytes;) {
-      const auto n = static_cast<std::size_t>(std::min<int64_t>(bytes - sent, static_cast<int64_t>(piece)));
+      const auto n =
+          static_cast<std::size_t>(std::min<int64_t>(bytes - sent, static_cast<int64_t>(piece)));
       if (!sendAll(client.fd, out.data(), n)) break;
       sent += static_cast<int64_t>(n);
     }
